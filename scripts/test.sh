@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs the whole test suite twice:
+# a normal build, and one under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Exits non-zero on any failed test or sanitizer report. Warnings are errors
+# when CI=true.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+bash "$root/scripts/install-deps.sh"
+
+werror=OFF
+[ "${CI:-}" = "true" ] && werror=ON
+jobs=$(nproc)
+
+# suite <build dir name> <sanitizers> [ctest arguments...]
+suite() {
+  local dir="$root/build/$1" sanitize="$2"
+  shift 2
+  echo "=== build/$(basename "$dir") (sanitizers: ${sanitize:-none})"
+  cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DTESSMAR_WERROR="$werror" -DTESSMAR_SANITIZE="$sanitize" \
+    -DTESSMAR_BUILD_BENCH="$([ -z "$sanitize" ] && echo ON || echo OFF)" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+  ctest --test-dir "$dir" --output-on-failure -j "$jobs" "$@"
+}
+
+export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1:strict_string_checks=1"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+
+suite tests ""
+suite tests-asan "address,undefined"
+echo "=== all tests passed"

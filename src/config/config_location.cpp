@@ -1,0 +1,45 @@
+// Locating the configuration files: the user's directory under HOME first,
+// then the system directory. Existence only is tested (access F_OK), so a
+// directory or an unreadable file with the right name still hides the
+// system file; reading it then fails and the caller gets "".
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "config/config_location.h"
+#include "tessmar/config.h"
+
+namespace tessmar {
+
+std::string UserConfigDirectory() {
+  const char* home = std::getenv("HOME");
+  if (home == nullptr) return std::string();
+  return std::string(home) + kUserConfigSubdirectory;
+}
+
+namespace {
+
+bool Exists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+std::string LocateConfigFile(const std::string& name) {
+  const std::string user_directory = UserConfigDirectory();
+  if (!user_directory.empty()) {
+    std::string user = user_directory + "/" + name;
+    if (Exists(user)) return user;
+  }
+  std::string system = std::string(kSystemConfigDirectory) + "/" + name;
+  return Exists(system) ? system : std::string();
+}
+
+}  // namespace
+}  // namespace tessmar
+
+std::string _GetConfigPath() { return tessmar::LocateConfigFile("config.json"); }
+
+std::string _GetModuleConfigPath(const char* module) {
+  if (module == nullptr || *module == '\0') return std::string();
+  return tessmar::LocateConfigFile(std::string(module) + ".json");
+}

@@ -1,0 +1,59 @@
+#include "config/json_document.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace tessmar {
+
+JsonDocument::JsonDocument(const char* text, std::size_t length)
+    : root_(json_parse(text, length)) {}
+
+JsonDocument::~JsonDocument() {
+  if (root_ != nullptr) json_value_free(root_);
+}
+
+bool JsonDocument::is_object() const {
+  return root_ != nullptr && root_->type == json_object;
+}
+
+const json_value* JsonDocument::Member(const char* name) const {
+  if (!is_object()) return nullptr;
+  const std::size_t name_length = std::strlen(name);
+  for (unsigned i = 0; i < root_->u.object.length; ++i) {
+    const json_object_entry& entry = root_->u.object.values[i];
+    if (entry.name_length == name_length &&
+        std::memcmp(entry.name, name, name_length) == 0) {
+      return entry.value;
+    }
+  }
+  return nullptr;
+}
+
+std::string JsonDocument::String(const char* name) const {
+  const json_value* value = Member(name);
+  if (value == nullptr || value->type != json_string) return std::string();
+  return std::string(value->u.string.ptr, value->u.string.length);
+}
+
+bool JsonDocument::IsTrue(const char* name) const {
+  const json_value* value = Member(name);
+  return value != nullptr && value->type == json_boolean &&
+         value->u.boolean != 0;
+}
+
+JsonDocument ReadJsonFile(const std::string& path) {
+  std::string text;
+  FILE* file = std::fopen(path.c_str(), "rt");
+  if (file != nullptr) {
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+      text.append(buffer, n);
+    }
+    std::fclose(file);
+  }
+  // An unopenable file parses as the empty text, which json_parse rejects.
+  return JsonDocument(text);
+}
+
+}  // namespace tessmar
