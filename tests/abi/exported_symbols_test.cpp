@@ -35,12 +35,24 @@ bool IsLinkerSymbol(const std::string& name) {
   return kLinker.count(name) != 0;
 }
 
+// Demangled names spell std::string out in full; the pinned list uses the
+// short form so it stays readable.
+std::string ShortenStdString(std::string name) {
+  static const std::string kLong =
+      "std::__cxx11::basic_string<char, std::char_traits<char>, "
+      "std::allocator<char> >";
+  for (std::size_t pos; (pos = name.find(kLong)) != std::string::npos;) {
+    name.replace(pos, kLong.size(), "std::string");
+  }
+  return name;
+}
+
 std::set<std::string> ExportedSymbols() {
   std::set<std::string> names;
   for (const std::string& name :
        RunLines(std::string("nm -D --defined-only -C -j '") +
                 TESSMAR_LIBRARY_PATH + "'")) {
-    if (!IsLinkerSymbol(name)) names.insert(name);
+    if (!IsLinkerSymbol(name)) names.insert(ShortenStdString(name));
   }
   return names;
 }

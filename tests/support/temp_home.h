@@ -1,0 +1,100 @@
+// Test support: a private temporary directory used as HOME for the length
+// of one test, with helpers to lay out configuration files in it. Tests
+// never touch the real HOME, /usr/share or /etc.
+#ifndef TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
+#define TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+namespace tessmar::testing {
+
+// Writes `data` to `path` byte for byte, creating or truncating the file.
+inline void WriteFile(const std::string& path, const std::string& data) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(data.data(), static_cast<std::streamsize>(data.size()));
+}
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in),
+                     std::istreambuf_iterator<char>());
+}
+
+// mkdir -p with mode 0755.
+inline void MakeDirectories(const std::string& path) {
+  for (std::size_t pos = 1; pos != std::string::npos;) {
+    pos = path.find('/', pos + 1);
+    mkdir(path.substr(0, pos).c_str(), 0755);
+  }
+}
+
+// Creates a fresh directory under TMPDIR (or /tmp), points HOME at it, and
+// on destruction restores HOME and removes the tree.
+class TempHome {
+ public:
+  TempHome() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") +
+                          "/tessmar-test-XXXXXX";
+    root_ = mkdtemp(&pattern[0]) != nullptr ? pattern : std::string();
+    const char* old = std::getenv("HOME");
+    had_home_ = old != nullptr;
+    if (had_home_) old_home_ = old;
+    setenv("HOME", root_.c_str(), 1);
+  }
+  ~TempHome() {
+    if (had_home_) {
+      setenv("HOME", old_home_.c_str(), 1);
+    } else {
+      unsetenv("HOME");
+    }
+    if (!root_.empty()) {
+      std::string command = "rm -rf '" + root_ + "'";
+      if (std::system(command.c_str()) != 0) {
+        // Nothing sensible to do in a destructor; the directory is in TMPDIR.
+      }
+    }
+  }
+  TempHome(const TempHome&) = delete;
+  TempHome& operator=(const TempHome&) = delete;
+
+  const std::string& path() const { return root_; }
+
+  // $HOME/.config/Pelmora/Tessmar/morrowhost, created on first use.
+  std::string ConfigDir() const {
+    std::string dir = root_ + "/.config/Pelmora/Tessmar/morrowhost";
+    MakeDirectories(dir);
+    return dir;
+  }
+
+  // Writes a file into the user configuration directory; returns its path.
+  std::string WriteConfig(const std::string& name,
+                          const std::string& text) const {
+    std::string path = ConfigDir() + "/" + name;
+    WriteFile(path, text);
+    return path;
+  }
+
+  // Writes a file anywhere below HOME (directories created); returns its path.
+  std::string WriteHomeFile(const std::string& relative,
+                            const std::string& data) const {
+    std::string path = root_ + "/" + relative;
+    MakeDirectories(path.substr(0, path.rfind('/')));
+    WriteFile(path, data);
+    return path;
+  }
+
+ private:
+  std::string root_;
+  std::string old_home_;
+  bool had_home_ = false;
+};
+
+}  // namespace tessmar::testing
+
+#endif  // TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
