@@ -1,0 +1,70 @@
+// Process-wide state of the bridge and its internal entry points.
+#ifndef TESSMAR_SRC_BRIDGE_BRIDGE_STATE_H
+#define TESSMAR_SRC_BRIDGE_BRIDGE_STATE_H
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include "tessmar/module.h"
+
+namespace tessmar::bridge {
+
+// FIFO paths; the library reads ".r…" and ".cb…" and writes ".w…".
+extern std::string r_fifo_path;
+extern std::string w_fifo_path;
+extern std::string cb_fifo_path;
+extern int w_fifo;    // request FIFO, write end
+extern int r_fifo;    // reply FIFO, read end
+extern int cb_fifo;   // callback FIFO, read end
+extern pid_t child_pid;
+// Non-zero while the reader thread is to keep running. The thread in practice
+// ends on end of file; the flag carries no ordering, only its value.
+extern std::atomic<int> cb_loop;
+// True once tsmx_Startup succeeded; never cleared, not even by tsmx_End.
+extern bool set_Startup;
+extern pthread_t g_CallbackThread;
+
+// The callback queue and its one lock, which guards nothing else.
+extern std::deque<std::string> g_CallbackData;
+extern std::mutex mutex;
+
+// Version 1, size 48, revision 2, malloc, free, PushSetCallbackReply.
+extern QXHostFuncs g_bridgeHostFuncs;
+
+// Appends a message to the back of the queue under the lock.
+void QueueCallback(std::string message);
+
+// Queues a "setcallback" message; the SendCallback of the bridge's host table.
+int PushSetCallbackReply(const char* tabid, const void* reserved,
+                         const char* callback, const char* reply);
+
+// The text a "setcallback" message carries (also written by hosts).
+std::string SetCallbackMessage(const char* tabid, const char* callback,
+                               const char* reply);
+
+// Writes `request` to the host and reads its reply; NULL for no reply.
+char* ExchangeWithHost(const char* request);
+
+// The reader thread of the callback FIFO.
+void* ReadCallbackThread(void* unused);
+
+// mkdir -p with mode 0755; drops one trailing "/" from `path` in place.
+bool CreateDirectories(std::string& path);
+
+// The three FIFO file names, under the user configuration directory.
+std::string FifoDirectory();  // with a trailing "/"
+extern const char kReplyFifoName[];
+extern const char kRequestFifoName[];
+extern const char kCallbackFifoName[];
+
+// A malloc'ed NUL-terminated copy that ends at the first NUL of `text`.
+char* MallocCopy(const std::string& text);
+
+}  // namespace tessmar::bridge
+
+#endif  // TESSMAR_SRC_BRIDGE_BRIDGE_STATE_H

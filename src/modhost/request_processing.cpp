@@ -1,0 +1,131 @@
+// Answering one request from a web page: refused, echoed, broadcast to the
+// loaded modules, or dispatched to one module and wrapped in the envelope.
+#include <cstring>
+#include <string>
+
+#include "config/json_document.h"
+#include "tessmar/modhost.h"
+
+namespace {
+
+// The request members the module host reads.
+struct RequestFields {
+  std::string cmd;
+  std::string id;
+  std::string tabid;
+  std::string callback;
+  std::string module;
+  std::string origin;
+
+  explicit RequestFields(const tessmar::JsonDocument& request)
+      : cmd(request.String("cmd")),
+        id(request.String("id")),
+        tabid(request.String("tabid")),
+        callback(request.String("callback")),
+        module(request.String("module")),
+        origin(request.String("origin")) {}
+};
+
+constexpr char kDefaultModule[] = "morrowhost";
+constexpr char kBroadcast[] = "_all_";
+
+std::string Envelope(const RequestFields& request, int status,
+                     const char* reply) {
+  return BuildReplyEnvelope(request.id.c_str(), request.tabid.c_str(), status,
+                            reply, request.callback.c_str());
+}
+
+// The module's answer, copied into the envelope and handed back to the module.
+std::string WrapAnswer(const RequestFields& request, QxClientFuncs* funcs,
+                       char* answer, int status_when_null) {
+  std::string reply = answer != nullptr
+                          ? Envelope(request, REPLY_TRUE, answer)
+                          : Envelope(request, status_when_null, nullptr);
+  if (answer != nullptr && funcs->FreeString != nullptr) {
+    funcs->FreeString(answer);
+  }
+  return reply;
+}
+
+// The reply of one module to the request; `module_override`, when non-empty,
+// replaces the request's own "module".
+std::string DispatchToModule(const tessmar::JsonDocument& parsed,
+                             const char* module_override, const char* text,
+                             QXHostFuncs* host) {
+  const RequestFields request(parsed);
+  if (request.id.empty()) return std::string();
+
+  std::string target = kDefaultModule;
+  if (!request.module.empty()) target = request.module;
+  if (module_override != nullptr && *module_override != '\0') {
+    target = module_override;
+  }
+
+  QxClientFuncs* funcs = GetInvoke(target.c_str());
+  if (funcs == nullptr) {
+    switch (LoadQxClient(target.c_str(), host)) {
+      case QX_LOAD_INSTALLATION_BLOCKED:
+        return Envelope(request, REPLY_BLOCK_QX, nullptr);
+      case QX_LOAD_CLIENT_BLOCKED:
+        return Envelope(request, REPLY_BLOCK_CLIENT, nullptr);
+      case QX_LOAD_OK:
+        funcs = GetInvoke(target.c_str());
+        break;
+      default:
+        return Envelope(request, REPLY_FALSE, nullptr);
+    }
+    if (funcs == nullptr) return Envelope(request, REPLY_FALSE, nullptr);
+  }
+
+  const char* origin = request.origin.c_str();
+  const char* id = request.id.c_str();
+  if (request.cmd == "setcallback") {
+    // A module without SetCallback still gets a successful, empty reply.
+    char* answer = funcs->SetCallback != nullptr
+                       ? funcs->SetCallback(origin, id, text,
+                                            request.tabid.c_str(), 1)
+                       : nullptr;
+    return WrapAnswer(request, funcs, answer, REPLY_TRUE);
+  }
+  // A module must fill Invoke; an empty slot is answered like no answer
+  // rather than followed into a crash.
+  char* answer =
+      funcs->Invoke != nullptr ? funcs->Invoke(origin, id, text) : nullptr;
+  return WrapAnswer(request, funcs, answer, REPLY_FALSE);
+}
+
+}  // namespace
+
+std::string process_request(void* /*context*/, const char* text, int length,
+                            QXHostFuncs* host) {
+  if (text == nullptr || length < 0) return std::string();
+  const tessmar::JsonDocument parsed(text, static_cast<std::size_t>(length));
+  if (!parsed.parsed()) return std::string();
+
+  const RequestFields request(parsed);
+  if (request.cmd != "native" && request.cmd != "setcallback") {
+    return std::string();
+  }
+
+  if (parsed.IsTrue("echo")) {
+    std::string answer = "{\"reply\":{\"status\":\"0\", \"reply\":";
+    answer.append(text, static_cast<std::size_t>(length));
+    answer += "}}";
+    return Envelope(request, REPLY_TRUE, answer.c_str());
+  }
+
+  const std::string request_text(text, static_cast<std::size_t>(length));
+  if (request.module != kBroadcast) {
+    return DispatchToModule(parsed, nullptr, request_text.c_str(), host);
+  }
+
+  // Broadcast to the modules loaded already; none is loaded for it, and
+  // their replies are discarded.
+  std::string names = GetLoadedClientList();
+  char* position = nullptr;
+  for (char* name = strtok_r(&names[0], ",", &position); name != nullptr;
+       name = strtok_r(nullptr, ",", &position)) {
+    DispatchToModule(parsed, name, request_text.c_str(), host);
+  }
+  return Envelope(request, REPLY_TRUE, nullptr);
+}
