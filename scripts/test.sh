@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the whole test suite twice:
-# a normal build, and one under AddressSanitizer + UndefinedBehaviorSanitizer.
-# Exits non-zero on any failed test or sanitizer report. Warnings are errors
-# when CI=true.
+# Installs what is missing, then builds and runs the whole test suite: a
+# normal build, the same suite under AddressSanitizer + UndefinedBehavior-
+# Sanitizer, and the concurrency tests under ThreadSanitizer. Exits non-zero
+# on any failed test or sanitizer report. Warnings are errors when CI=true.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/install-deps.sh"
@@ -25,7 +25,9 @@ suite() {
 
 export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1:strict_string_checks=1"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 
 suite tests ""
 suite tests-asan "address,undefined"
+suite tests-tsan "thread" -L concurrency
 echo "=== all tests passed"
