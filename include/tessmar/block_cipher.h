@@ -8,7 +8,9 @@
 //
 // Output room: an update needs the input length plus one block, a final one
 // block (32 bytes are always enough). The output-length pointer of an update
-// is not written while input is only being buffered; preset it to 0.
+// is not written while input is only being buffered; preset it to 0 (a
+// padded decryption does write 0 then). OFB, CFB and CTR need an IV: without
+// one, update fails with BC_ERR_UPDATE_MODE and final with BC_ERR_FINAL_MODE.
 //
 // Deliberate departures from the textbook modes, relied on by existing data:
 //   - every update of a stream mode (OFB, CFB, CTR) begins a fresh keystream
