@@ -1,0 +1,215 @@
+// tessmar-sign: produces and checks the signatures that libTessmarFirefox.so
+// verifies (client modules, the installation, the local server program).
+// All signing and checking is done by the library's exported functions, so
+// there is exactly one implementation of each scheme.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "config/config_location.h"
+#include "outcome.h"
+
+namespace tessmar::sign {
+namespace {
+
+// The usage text, in two parts around the default configuration directory.
+constexpr char kUsageHead[] =
+    "Usage: tessmar-sign COMMAND [ARGUMENTS]\n"
+    "\n"
+    "Signing:\n"
+    "  client FILE           print the client module signature text of FILE\n"
+    "  module NAME FILE [--version V] [--config-dir DIR]\n"
+    "                        sign FILE as client module NAME: write or update\n"
+    "                        NAME.json (\"Name\", \"Path\", \"Sig\", "
+    "\"Version\";\n"
+    "                        other members are kept) in DIR, by default\n"
+    "                        $HOME";
+constexpr char kUsageTail[] =
+    "\n"
+    "  install [--dir DIR]   sign the installation: store \"Sig\" in the\n"
+    "                        config.json the library reads, or, with --dir,\n"
+    "                        sign the files in DIR into DIR/Tessmar.sig\n"
+    "  server FILE           sign the local server program FILE into FILE.sig\n"
+    "\n"
+    "Verifying (as the library does):\n"
+    "  verify-client FILE SIG   check FILE against the signature text SIG\n"
+    "  verify-module NAME       check client module NAME and its NAME.json\n"
+    "  verify-install [--dir DIR]\n"
+    "                           check the installation, or DIR/Tessmar.sig\n"
+    "  verify-server FILE       check FILE against FILE.sig\n"
+    "\n"
+    "Options: -h, --help shows this text; -- ends the options.\n"
+    "Exit status: 0 signed or valid, 1 signature invalid, 2 usage or I/O "
+    "error.\n";
+
+void PrintUsage(FILE* stream) {
+  std::fprintf(stream, "%s%s%s", kUsageHead, kUserConfigSubdirectory,
+               kUsageTail);
+}
+
+struct CommandSpec {
+  const char* name;
+  std::vector<const char*> operands;  // as named in the usage text
+  std::vector<const char*> options;   // each takes one value
+};
+
+const std::vector<CommandSpec>& Commands() {
+  static const std::vector<CommandSpec> kCommands = {
+      {"client", {"FILE"}, {}},
+      {"module", {"NAME", "FILE"}, {"--version", "--config-dir"}},
+      {"install", {}, {"--dir"}},
+      {"server", {"FILE"}, {}},
+      {"verify-client", {"FILE", "SIG"}, {}},
+      {"verify-module", {"NAME"}, {}},
+      {"verify-install", {}, {"--dir"}},
+      {"verify-server", {"FILE"}, {}},
+  };
+  return kCommands;
+}
+
+struct Arguments {
+  std::vector<std::string> operands;
+  std::map<std::string, std::string> options;
+  bool help = false;
+
+  std::string Option(const char* name) const {
+    const auto found = options.find(name);
+    return found == options.end() ? std::string() : found->second;
+  }
+};
+
+bool Accepts(const CommandSpec& spec, const std::string& option) {
+  for (const char* name : spec.options) {
+    if (option == name) return true;
+  }
+  return false;
+}
+
+// Options may come before, between or after the operands; "--" ends them,
+// so operands that begin with "-" can be given.
+bool ParseArguments(const CommandSpec& spec, int argc, char** argv, int first,
+                    Arguments* args, std::string* error) {
+  bool options_ended = false;
+  for (int i = first; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (options_ended || arg.size() < 2 || arg[0] != '-') {
+      args->operands.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      options_ended = true;
+      continue;
+    }
+    if (arg == "-h" || arg == "--help") {
+      args->help = true;
+      continue;
+    }
+    std::string name = arg;
+    std::string value;
+    const std::size_t equals = arg.find('=');
+    const bool inline_value =
+        arg.compare(0, 2, "--") == 0 && equals != std::string::npos;
+    if (inline_value) {
+      name = arg.substr(0, equals);
+      value = arg.substr(equals + 1);
+    }
+    if (!Accepts(spec, name)) {
+      *error = "unknown option '" + name + "'";
+      return false;
+    }
+    if (!inline_value) {
+      if (i + 1 >= argc) {
+        *error = "option '" + name + "' needs a value";
+        return false;
+      }
+      value = argv[++i];
+    }
+    if (value.empty()) {
+      *error = "option '" + name + "' needs a non-empty value";
+      return false;
+    }
+    if (!args->options.emplace(name, value).second) {
+      *error = "option '" + name + "' given twice";
+      return false;
+    }
+  }
+  if (!args->help && args->operands.size() != spec.operands.size()) {
+    *error = "expected";
+    for (const char* operand : spec.operands)
+      *error += std::string(" ") + operand;
+    if (spec.operands.empty()) *error += " no operands";
+    return false;
+  }
+  return true;
+}
+
+Outcome Run(const std::string& command, const Arguments& args) {
+  const std::vector<std::string>& operand = args.operands;
+  if (command == "client") return SignClient(operand[0]);
+  if (command == "module") {
+    return SignModule(ModuleRequest{operand[0], operand[1],
+                                    args.Option("--version"),
+                                    args.Option("--config-dir")});
+  }
+  if (command == "install") return SignInstallation(args.Option("--dir"));
+  if (command == "server") return SignServer(operand[0]);
+  if (command == "verify-client") return VerifyClient(operand[0], operand[1]);
+  if (command == "verify-module") return VerifyModule(operand[0]);
+  if (command == "verify-install")
+    return VerifyInstallation(args.Option("--dir"));
+  return VerifyServer(operand[0]);
+}
+
+int Main(int argc, char** argv) {
+  if (argc < 2) {
+    PrintUsage(stderr);
+    return kExitError;
+  }
+  const std::string command = argv[1];
+  if (command == "-h" || command == "--help" || command == "help") {
+    PrintUsage(stdout);
+    return std::fflush(stdout) == 0 ? kExitOk : kExitError;
+  }
+  const CommandSpec* spec = nullptr;
+  for (const CommandSpec& candidate : Commands()) {
+    if (command == candidate.name) spec = &candidate;
+  }
+  if (spec == nullptr) {
+    std::fprintf(
+        stderr,
+        "tessmar-sign: unknown command '%s' (see tessmar-sign --help)\n",
+        command.c_str());
+    return kExitError;
+  }
+  Arguments args;
+  std::string error;
+  if (!ParseArguments(*spec, argc, argv, 2, &args, &error)) {
+    std::fprintf(stderr, "tessmar-sign: %s: %s (see tessmar-sign --help)\n",
+                 spec->name, error.c_str());
+    return kExitError;
+  }
+  if (args.help) {
+    PrintUsage(stdout);
+    return std::fflush(stdout) == 0 ? kExitOk : kExitError;
+  }
+
+  Outcome outcome = Run(command, args);
+  // A result that could not be printed (a full disk behind a redirection)
+  // must not pass for success.
+  if (std::fflush(stdout) != 0 && outcome.status == kExitOk) {
+    outcome = Failure(std::string("standard output: ") + std::strerror(errno));
+  }
+  if (outcome.status != kExitOk) {
+    std::fprintf(stderr, "tessmar-sign: %s\n", outcome.reason.c_str());
+  }
+  return outcome.status;
+}
+
+}  // namespace
+}  // namespace tessmar::sign
+
+int main(int argc, char** argv) { return tessmar::sign::Main(argc, argv); }
