@@ -1,0 +1,60 @@
+// The reply envelope, compared byte for byte: its blanks are irregular on
+// purpose and extensions in the field parse exactly this text.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tessmar/modhost.h"
+
+namespace {
+
+TEST(ReplyEnvelope, KeepsItsExactBlanksAndOrder) {
+  EXPECT_EQ(BuildReplyEnvelope("7", "t", REPLY_TRUE, "{\"a\":1}", "cb"),
+            "{\"response\": {\"id\": \"7\", \"tabid\":\"t\", "
+            "\"status\":\"TRUE\", \"reply\":{\"a\":1}, \"callback\": \"cb\"}}");
+}
+
+TEST(ReplyEnvelope, StatusCodesMapToTheirWordsAndEverythingElseToFalse) {
+  const struct {
+    int code;
+    const char* word;
+  } cases[] = {{0, "TRUE"},     {1, "FALSE"},         {2, "CANCEL"},
+               {3, "FALSE"},    {4, "BLOCK:QX"},      {5, "BLOCK:CLIENT"},
+               {6, "FALSE"},    {-1, "FALSE"},        {-100, "FALSE"},
+               {-200, "FALSE"}, {0x7fffffff, "FALSE"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.code);
+    EXPECT_EQ(BuildReplyEnvelope("1", "", c.code, "{}", ""),
+              std::string("{\"response\": {\"id\": \"1\", \"tabid\":\"\", "
+                          "\"status\":\"") +
+                  c.word + "\", \"reply\":{}, \"callback\": \"\"}}");
+  }
+}
+
+TEST(ReplyEnvelope, MissingReplyBecomesAnEmptyObjectAndMissingCallbackNothing) {
+  const std::string expected =
+      "{\"response\": {\"id\": \"9\", \"tabid\":\"t\", \"status\":\"FALSE\", "
+      "\"reply\":{}, \"callback\": \"\"}}";
+  EXPECT_EQ(BuildReplyEnvelope("9", "t", REPLY_FALSE, nullptr, nullptr),
+            expected);
+  EXPECT_EQ(BuildReplyEnvelope("9", "t", REPLY_FALSE, "", ""), expected);
+}
+
+TEST(ReplyEnvelope, NullIdGivesTheEmptyTextButAnEmptyIdAnEnvelope) {
+  EXPECT_EQ(BuildReplyEnvelope(nullptr, "t", REPLY_TRUE, "{}", "cb"), "");
+  EXPECT_EQ(BuildReplyEnvelope("", "", REPLY_TRUE, nullptr, ""),
+            "{\"response\": {\"id\": \"\", \"tabid\":\"\", "
+            "\"status\":\"TRUE\", \"reply\":{}, \"callback\": \"\"}}");
+}
+
+TEST(ReplyEnvelope, PiecesAreCopiedUnescapedAndTheReplyAsRawJson) {
+  EXPECT_EQ(
+      BuildReplyEnvelope("a\"b", "c\\d", REPLY_TRUE, "[1,\"x\"]", "e\nf"),
+      "{\"response\": {\"id\": \"a\"b\", \"tabid\":\"c\\d\", "
+      "\"status\":\"TRUE\", \"reply\":[1,\"x\"], \"callback\": \"e\nf\"}}");
+  EXPECT_EQ(BuildReplyEnvelope("1", "", REPLY_TRUE, "\"text\"", ""),
+            "{\"response\": {\"id\": \"1\", \"tabid\":\"\", "
+            "\"status\":\"TRUE\", \"reply\":\"text\", \"callback\": \"\"}}");
+}
+
+}  // namespace

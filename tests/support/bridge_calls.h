@@ -1,0 +1,68 @@
+// Test support: calling the bridge's exported functions and releasing what
+// they return, as the extension does.
+#ifndef TESSMAR_TESTS_SUPPORT_BRIDGE_CALLS_H
+#define TESSMAR_TESTS_SUPPORT_BRIDGE_CALLS_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tessmar/bridge.h"
+
+namespace tessmar::testing {
+
+// tsmx_Invoke's answer, released with tsmx_Free; nullopt for NULL.
+inline std::optional<std::string> InvokeText(const char* request) {
+  char* answer = tsmx_Invoke(request);
+  if (answer == nullptr) return std::nullopt;
+  std::string text(answer);
+  tsmx_Free(answer);
+  return text;
+}
+
+inline std::optional<std::string> InvokeText(const std::string& request) {
+  return InvokeText(request.c_str());
+}
+
+// One tsmx_Pop, released with tsmx_Free; "" when nothing is queued.
+inline std::string PopText() {
+  char* text = tsmx_Pop();
+  if (text == nullptr) return "<NULL>";  // never expected; makes tests fail
+  std::string copy(text);
+  tsmx_Free(text);
+  return copy;
+}
+
+// Pops until `count` messages have arrived or `timeout` has passed, and
+// returns those that arrived, in order.
+inline std::vector<std::string> PopMessages(std::size_t count,
+                                            std::chrono::milliseconds timeout) {
+  std::vector<std::string> messages;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (messages.size() < count &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::string text = PopText();
+    if (text.empty()) {
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    } else {
+      messages.push_back(std::move(text));
+    }
+  }
+  return messages;
+}
+
+// Pops until tsmx_Pop answers ""; returns how many messages it popped.
+inline std::size_t DrainQueue() {
+  std::size_t drained = 0;
+  for (std::string text = PopText(); !text.empty() && text != "<NULL>";
+       text = PopText()) {
+    ++drained;
+  }
+  return drained;
+}
+
+}  // namespace tessmar::testing
+
+#endif  // TESSMAR_TESTS_SUPPORT_BRIDGE_CALLS_H
