@@ -18,7 +18,6 @@ namespace {
 
 constexpr mode_t kFifoMode = 0600;
 constexpr mode_t kDirectoryMode = 0755;
-constexpr char kHostExecutable[] = "TessmarFirefox";
 
 bool Exists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
@@ -79,7 +78,7 @@ int tsmx_Startup(void) {
 
   // The host path is read before the fork: the child of a threaded process
   // should do no more than exec.
-  std::string host = GetTessmarInstallPath() + "/" + kHostExecutable;
+  std::string host = GetTessmarInstallPath() + "/" + kHostExecutableName;
   const pid_t pid = fork();
   if (pid < 0) {
     child_pid = 0;

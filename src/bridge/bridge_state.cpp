@@ -8,9 +8,9 @@ namespace tessmar::bridge {
 std::string r_fifo_path;
 std::string w_fifo_path;
 std::string cb_fifo_path;
-int w_fifo = 0;
-int r_fifo = 0;
-int cb_fifo = 0;
+std::atomic<int> w_fifo{0};
+std::atomic<int> r_fifo{0};
+std::atomic<int> cb_fifo{0};
 pid_t child_pid = 0;
 std::atomic<int> cb_loop{0};
 bool set_Startup = false;
@@ -21,9 +21,5 @@ std::mutex mutex;
 
 QXHostFuncs g_bridgeHostFuncs = {1, 48, 2, std::malloc, std::free,
                                  PushSetCallbackReply};
-
-const char kReplyFifoName[] = ".rpelmoramorrowhostTessmarFirefox";
-const char kRequestFifoName[] = ".wpelmoramorrowhostTessmarFirefox";
-const char kCallbackFifoName[] = ".cbpelmoramorrowhostTessmarFirefox";
 
 }  // namespace tessmar::bridge

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+#include "bridge/fifo_names.h"
 #include "tessmar/module.h"
 
 namespace tessmar::bridge {
@@ -18,9 +19,11 @@ namespace tessmar::bridge {
 extern std::string r_fifo_path;
 extern std::string w_fifo_path;
 extern std::string cb_fifo_path;
-extern int w_fifo;    // request FIFO, write end
-extern int r_fifo;    // reply FIFO, read end
-extern int cb_fifo;   // callback FIFO, read end
+// The descriptors are atomic because tsmx_End marks them closed (-1) while
+// the reader thread may still be reading cb_fifo and r_fifo (its fsync).
+extern std::atomic<int> w_fifo;   // request FIFO, write end
+extern std::atomic<int> r_fifo;   // reply FIFO, read end
+extern std::atomic<int> cb_fifo;  // callback FIFO, read end
 extern pid_t child_pid;
 // Non-zero while the reader thread is to keep running. The thread in practice
 // ends on end of file; the flag carries no ordering, only its value.
@@ -56,11 +59,9 @@ void* ReadCallbackThread(void* unused);
 // mkdir -p with mode 0755; drops one trailing "/" from `path` in place.
 bool CreateDirectories(std::string& path);
 
-// The three FIFO file names, under the user configuration directory.
-std::string FifoDirectory();  // with a trailing "/"
-extern const char kReplyFifoName[];
-extern const char kRequestFifoName[];
-extern const char kCallbackFifoName[];
+// The directory of the three FIFOs (names in fifo_names.h), with a
+// trailing "/".
+std::string FifoDirectory();
 
 // A malloc'ed NUL-terminated copy that ends at the first NUL of `text`.
 char* MallocCopy(const std::string& text);

@@ -1,0 +1,37 @@
+// The host's side of the callback FIFO and the SendCallback service that
+// client modules call to reach the page asynchronously.
+#ifndef TESSMAR_TOOLS_REFERENCE_HOST_CALLBACK_CHANNEL_H
+#define TESSMAR_TOOLS_REFERENCE_HOST_CALLBACK_CHANNEL_H
+
+#include <string>
+
+namespace tessmar::host {
+
+// The "setcallback" message for a page's tab, as the library queues it for
+// modules running in-process:
+//   {"response":{"id":"setcallback", "tabid":"TAB", "callback":"CB",
+//    "reply":REPLY}}
+// with these exact separators and no escaping; REPLY is inserted as raw JSON
+// ({} when null or empty). `tabid` and `callback` must not be null.
+std::string SetCallbackText(const char* tabid, const char* callback,
+                            const char* reply);
+
+// Starts sending on `fd`, the write end of the callback FIFO. The channel
+// does not own the descriptor until CloseCallbackChannel.
+void OpenCallbackChannel(int fd);
+
+// Stops sending and closes the descriptor; the library's reader thread then
+// sees end of file. Messages sent afterwards are dropped. Waits for a send
+// under way to finish.
+void CloseCallbackChannel();
+
+// The SendCallback member of the host table handed to modules. Callable from
+// any thread at any time: each message's length and body are written under
+// one lock, so messages of concurrent callers never interleave. Does nothing
+// when `tabid` or `callback` is null; `reserved` is ignored. Returns 0.
+int SendCallback(const char* tabid, const void* reserved, const char* callback,
+                 const char* reply);
+
+}  // namespace tessmar::host
+
+#endif  // TESSMAR_TOOLS_REFERENCE_HOST_CALLBACK_CHANNEL_H

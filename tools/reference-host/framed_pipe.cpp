@@ -1,0 +1,107 @@
+#include "framed_pipe.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+namespace tessmar::host {
+namespace {
+
+// Reads exactly `size` bytes unless the pipe ends first. Returns the count
+// read (less than `size` only at end of file) or -1 on a read error.
+ssize_t ReadFully(int fd, char* buffer, size_t size) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t got = read(fd, buffer + done, size - done);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    if (got == 0) break;
+    done += static_cast<size_t>(got);
+  }
+  return static_cast<ssize_t>(done);
+}
+
+// One write call, repeated only when it was interrupted before writing
+// anything (then nothing reached the pipe and the frame is still intact).
+bool WriteOnce(int fd, const void* data, size_t size, const char* pipe_name,
+               const char* part) {
+  ssize_t wrote;
+  do {
+    wrote = write(fd, data, size);
+  } while (wrote < 0 && errno == EINTR);
+  if (wrote < 0) {
+    std::fprintf(stderr, "TessmarFirefox: cannot write %s to the %s pipe: %s\n",
+                 part, pipe_name, std::strerror(errno));
+    return false;
+  }
+  if (static_cast<size_t>(wrote) != size) {
+    std::fprintf(stderr,
+                 "TessmarFirefox: short write of %s to the %s pipe: %zd of "
+                 "%zu bytes\n",
+                 part, pipe_name, wrote, size);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+ReadResult ReadMessage(int fd, std::string& body, const char* pipe_name) {
+  uint32_t length = 0;
+  const ssize_t got =
+      ReadFully(fd, reinterpret_cast<char*>(&length), sizeof length);
+  if (got == 0) return ReadResult::kEndOfFile;
+  if (got != static_cast<ssize_t>(sizeof length)) {
+    if (got < 0) {
+      std::fprintf(stderr, "TessmarFirefox: cannot read the %s pipe: %s\n",
+                   pipe_name, std::strerror(errno));
+    } else {
+      std::fprintf(stderr,
+                   "TessmarFirefox: the %s pipe ended inside a length field\n",
+                   pipe_name);
+    }
+    return ReadResult::kError;
+  }
+
+  body.assign(length, '\0');
+  if (length == 0) return ReadResult::kMessage;
+  const ssize_t body_got = ReadFully(fd, &body[0], length);
+  if (body_got != static_cast<ssize_t>(length)) {
+    if (body_got < 0) {
+      std::fprintf(stderr, "TessmarFirefox: cannot read the %s pipe: %s\n",
+                   pipe_name, std::strerror(errno));
+    } else {
+      std::fprintf(stderr,
+                   "TessmarFirefox: the %s pipe ended after %zd of %u body "
+                   "bytes\n",
+                   pipe_name, body_got, length);
+    }
+    return ReadResult::kError;
+  }
+  return ReadResult::kMessage;
+}
+
+bool WriteMessage(int fd, const std::string& body, const char* pipe_name) {
+  if (body.size() > std::numeric_limits<uint32_t>::max()) {
+    std::fprintf(stderr,
+                 "TessmarFirefox: a %zu-byte message does not fit the %s "
+                 "pipe's 32-bit length\n",
+                 body.size(), pipe_name);
+    return false;
+  }
+  const uint32_t length = static_cast<uint32_t>(body.size());
+  if (!WriteOnce(fd, &length, sizeof length, pipe_name, "a length")) {
+    return false;
+  }
+  // A zero length is the whole message: there is no body to write.
+  if (length == 0) return true;
+  return WriteOnce(fd, body.data(), body.size(), pipe_name, "a body");
+}
+
+}  // namespace tessmar::host
