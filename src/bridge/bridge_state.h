@@ -46,10 +46,6 @@ void QueueCallback(std::string message);
 int PushSetCallbackReply(const char* tabid, const void* reserved,
                          const char* callback, const char* reply);
 
-// The text a "setcallback" message carries (also written by hosts).
-std::string SetCallbackMessage(const char* tabid, const char* callback,
-                               const char* reply);
-
 // Writes `request` to the host and reads its reply; NULL for no reply.
 char* ExchangeWithHost(const char* request);
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "bridge/bridge_state.h"
+#include "bridge/set_callback_message.h"
 #include "tessmar/bridge.h"
 
 namespace tessmar::bridge {
@@ -13,19 +14,6 @@ void* g_ResponseCallback = nullptr;  // stored, never called
 void QueueCallback(std::string message) {
   std::lock_guard<std::mutex> lock(mutex);
   g_CallbackData.push_back(std::move(message));
-}
-
-std::string SetCallbackMessage(const char* tabid, const char* callback,
-                               const char* reply) {
-  // Built without escaping; `reply` must itself be a JSON value.
-  std::string text = "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"";
-  text += tabid;
-  text += "\", \"callback\":\"";
-  text += callback;
-  text += "\", \"reply\":";
-  text += (reply != nullptr && *reply != '\0') ? reply : "{}";
-  text += "}}";
-  return text;
 }
 
 int PushSetCallbackReply(const char* tabid, const void* /*reserved*/,

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "bridge/bridge_state.h"
+#include "bridge/set_callback_message.h"
 #include "support/bridge_calls.h"
 #include "tessmar/bridge.h"
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bridge/bridge_state.h"
+#include "bridge/set_callback_message.h"
 #include "bridge_host/host_fixture.h"
 #include "support/signed_installation.h"
 #include "tessmar/bridge.h"

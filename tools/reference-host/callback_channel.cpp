@@ -4,6 +4,7 @@
 
 #include <mutex>
 
+#include "bridge/set_callback_message.h"
 #include "framed_pipe.h"
 
 namespace tessmar::host {
@@ -17,18 +18,6 @@ std::mutex g_lock;
 int g_fd = -1;
 
 }  // namespace
-
-std::string SetCallbackText(const char* tabid, const char* callback,
-                            const char* reply) {
-  std::string text = "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"";
-  text += tabid;
-  text += "\", \"callback\":\"";
-  text += callback;
-  text += "\", \"reply\":";
-  text += (reply != nullptr && *reply != '\0') ? reply : "{}";
-  text += "}}";
-  return text;
-}
 
 void OpenCallbackChannel(int fd) {
   std::lock_guard<std::mutex> lock(g_lock);
@@ -45,7 +34,7 @@ int SendCallback(const char* tabid, const void* /*reserved*/,
                  const char* callback, const char* reply) {
   if (callback == nullptr || tabid == nullptr) return 0;
   // Built outside the lock; only the two writes need to be serialised.
-  const std::string text = SetCallbackText(tabid, callback, reply);
+  const std::string text = bridge::SetCallbackMessage(tabid, callback, reply);
   std::lock_guard<std::mutex> lock(g_lock);
   if (g_fd < 0) return 0;
   if (!WriteMessage(g_fd, text, kPipeName)) {

@@ -7,15 +7,6 @@
 
 namespace tessmar::host {
 
-// The "setcallback" message for a page's tab, as the library queues it for
-// modules running in-process:
-//   {"response":{"id":"setcallback", "tabid":"TAB", "callback":"CB",
-//    "reply":REPLY}}
-// with these exact separators and no escaping; REPLY is inserted as raw JSON
-// ({} when null or empty). `tabid` and `callback` must not be null.
-std::string SetCallbackText(const char* tabid, const char* callback,
-                            const char* reply);
-
 // Starts sending on `fd`, the write end of the callback FIFO. The channel
 // does not own the descriptor until CloseCallbackChannel.
 void OpenCallbackChannel(int fd);
