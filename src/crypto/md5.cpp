@@ -3,14 +3,19 @@
 #include <utility>
 
 #include "crypto/byte_order.h"
+#include "crypto/digest_engine.h"
 #include "tessmar/digest.h"
 
 namespace {
 
+using tessmar::crypto::FeedInput;
 using tessmar::crypto::load_le32;
+using tessmar::crypto::MovePendingInput;
+using tessmar::crypto::PadAndCompress;
 using tessmar::crypto::rotl32;
 using tessmar::crypto::store_le32;
 using tessmar::crypto::store_le64;
+using tessmar::crypto::WipeMessageBuffers;
 
 constexpr uint32_t kBlockSize = 64;
 
@@ -117,65 +122,17 @@ int update_MD5(md5_state_structure* ctx, const unsigned char* data,
   if (ctx->input_count > kBlockSize) return 5;
   // With the input count validated the first chunk is at most the free room
   // (never 2^31 or more), so the chunk-size codes 5 and 6 cannot arise here.
-  const uint32_t room = kBlockSize - ctx->input_count;
-  uint32_t chunk = length < room ? length : room;
-  for (;;) {
-    std::memcpy(ctx->input + ctx->input_count, data, chunk);
-    ctx->input_count = static_cast<uint8_t>(ctx->input_count + chunk);
-    data += chunk;
-    length -= chunk;
-    if (ctx->input_count == kBlockSize) {
-      Compress(ctx->state, ctx->input);
-      ctx->bit_count += kBlockSize * 8;
-      ctx->input_count = 0;
-    }
-    if (length == 0) return 0;
-    chunk = length < kBlockSize ? length : kBlockSize;
-  }
+  FeedInput<kBlockSize, Compress>(ctx, data, length);
+  return 0;
 }
 
 int final_MD5(md5_state_structure* ctx, unsigned char* digest) {
   if (digest == nullptr || ctx == nullptr) return 1;
-  if (ctx->input_count > 0) {
-    // An index beyond the block (corrupt context) leaves no room; the check
-    // below then rejects it without touching memory outside the buffer.
-    const uint32_t room =
-        ctx->block_index < kBlockSize ? kBlockSize - ctx->block_index : 0;
-    const uint32_t n = ctx->input_count < room ? ctx->input_count : room;
-    if (n > 0) {
-      std::memcpy(ctx->block + ctx->block_index, ctx->input, n);
-      ctx->block_index += n;
-    }
-    // Only reachable from a corrupt context: a proper one enters with index 0
-    // and fewer than 64 pending bytes.
-    if (ctx->block_index == kBlockSize) {
-      Compress(ctx->state, ctx->block);
-      ctx->bit_count += kBlockSize * 8;
-      ctx->block_index = 0;
-    }
-  }
+  MovePendingInput<kBlockSize, Compress>(ctx);
   if (ctx->block_index > kBlockSize - 1) return 3;
-
-  const uint32_t index = ctx->block_index;
-  ctx->bit_count += uint64_t{index} * 8;
-  ctx->block[index] = 0x80;
-  if (index >= 56) {
-    std::memset(ctx->block + index + 1, 0, kBlockSize - index - 1);
-    Compress(ctx->state, ctx->block);
-    std::memset(ctx->block, 0, 56);
-  } else {
-    std::memset(ctx->block + index + 1, 0, 56 - index - 1);
-  }
-  store_le64(ctx->block + 56, ctx->bit_count);
-  Compress(ctx->state, ctx->block);
-
+  PadAndCompress<kBlockSize, 8, store_le64, Compress>(ctx);
   for (unsigned i = 0; i < 4; ++i) store_le32(digest + 4 * i, ctx->state[i]);
-
-  // The chaining state, bit count and block index are intentionally kept;
-  // only the buffered message bytes are wiped.
-  ctx->input_count = 0;
-  std::memset(ctx->input, 0, sizeof ctx->input);
-  std::memset(ctx->block, 0, sizeof ctx->block);
+  WipeMessageBuffers(ctx);
   return 0;
 }
 

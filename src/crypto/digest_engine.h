@@ -1,0 +1,109 @@
+// Block bookkeeping shared by the MD5 and SHA digests: collecting input into
+// whole blocks, and padding and length-encoding the last block(s).
+//
+// Only the mechanics live here. The argument checks and their status codes
+// stay with each digest, because their numbering and order differ between
+// the algorithms and are part of the interface. Each helper assumes the
+// caller has already made those checks.
+//
+// The compression function is a template argument, so every call to it is a
+// direct call the optimiser can inline, just as in a hand-written loop.
+#ifndef TESSMAR_SRC_CRYPTO_DIGEST_ENGINE_H
+#define TESSMAR_SRC_CRYPTO_DIGEST_ENGINE_H
+
+#include <cstdint>
+#include <cstring>
+
+namespace tessmar::crypto {
+
+// Collects `length` bytes (at least one) into the input buffer, compressing
+// each block as it fills and adding its bits to the bit count. The caller has
+// checked that input_count is at most kBlockSize. The block index and the
+// block buffer are not touched.
+template <uint32_t kBlockSize, auto Compress, typename Context>
+inline void FeedInput(Context* ctx, const unsigned char* data,
+                      uint32_t length) {
+  static_assert(sizeof ctx->input == kBlockSize);
+  const uint32_t room = kBlockSize - ctx->input_count;
+  uint32_t chunk = length < room ? length : room;
+  for (;;) {
+    std::memcpy(ctx->input + ctx->input_count, data, chunk);
+    ctx->input_count = static_cast<uint8_t>(ctx->input_count + chunk);
+    data += chunk;
+    length -= chunk;
+    if (ctx->input_count == kBlockSize) {
+      Compress(ctx->state, ctx->input);
+      ctx->bit_count += kBlockSize * 8;
+      ctx->input_count = 0;
+    }
+    if (length == 0) return;
+    chunk = length < kBlockSize ? length : kBlockSize;
+  }
+}
+
+// First step of final: moves the bytes waiting in the input buffer into the
+// block buffer at the block index. Should that fill the block buffer, it is
+// compressed and counted and the index restarts at 0; only a corrupt context
+// gets there, since a proper one arrives with index 0 and fewer than
+// kBlockSize pending bytes. An index at or beyond the end of the block leaves
+// no room, so nothing is copied and the caller's index check rejects it
+// without any access outside the buffer.
+template <uint32_t kBlockSize, auto Compress, typename Context>
+inline void MovePendingInput(Context* ctx) {
+  static_assert(sizeof ctx->block == kBlockSize);
+  if (ctx->input_count == 0) return;
+  const uint32_t room =
+      ctx->block_index < kBlockSize ? kBlockSize - ctx->block_index : 0;
+  const uint32_t n = ctx->input_count < room ? ctx->input_count : room;
+  if (n > 0) {
+    std::memcpy(ctx->block + ctx->block_index, ctx->input, n);
+    ctx->block_index += n;
+  }
+  if (ctx->block_index == kBlockSize) {
+    Compress(ctx->state, ctx->block);
+    ctx->bit_count += kBlockSize * 8;
+    ctx->block_index = 0;
+  }
+}
+
+// Counts the bytes in the block buffer, appends the 0x80 marker and zeros,
+// and the length field filling the last kLengthFieldSize bytes, then
+// compresses. When the marker leaves no room for the length field, the block
+// is compressed first and the field goes into a fresh block of zeros. The bit
+// count is written by StoreBitCount into the last 8 bytes; a 16-byte field
+// keeps its upper half as padding zeros. Requires block_index < kBlockSize.
+template <uint32_t kBlockSize, uint32_t kLengthFieldSize, auto StoreBitCount,
+          auto Compress, typename Context>
+inline void PadAndCompress(Context* ctx) {
+  static_assert(sizeof ctx->block == kBlockSize);
+  static_assert(kLengthFieldSize >= 8 && kLengthFieldSize < kBlockSize);
+  constexpr uint32_t kFieldStart = kBlockSize - kLengthFieldSize;
+  constexpr uint32_t kCountStart = kBlockSize - 8;
+
+  const uint32_t index = ctx->block_index;
+  ctx->bit_count += uint64_t{index} * 8;
+  ctx->block[index] = 0x80;
+  if (index >= kFieldStart) {
+    std::memset(ctx->block + index + 1, 0, kBlockSize - index - 1);
+    Compress(ctx->state, ctx->block);
+    std::memset(ctx->block, 0, kCountStart);
+  } else {
+    std::memset(ctx->block + index + 1, 0, kCountStart - index - 1);
+  }
+  StoreBitCount(ctx->block + kCountStart, ctx->bit_count);
+  Compress(ctx->state, ctx->block);
+}
+
+// Last step of final, after the digest has been written: the buffered
+// message bytes are wiped, while the chaining state, the bit count and the
+// block index intentionally keep their values.
+template <typename Context>
+inline void WipeMessageBuffers(Context* ctx) {
+  ctx->input_count = 0;
+  std::memset(ctx->input, 0, sizeof ctx->input);
+  std::memset(ctx->block, 0, sizeof ctx->block);
+}
+
+}  // namespace tessmar::crypto
+
+#endif  // TESSMAR_SRC_CRYPTO_DIGEST_ENGINE_H
