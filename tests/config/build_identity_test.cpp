@@ -16,53 +16,36 @@
 
 namespace {
 
-using tessmar::testing::TempHome;
-
 constexpr bool kSibling = TESSMAR_TEST_SIBLING_BUILD != 0;
 
-std::string ModuleJson(const std::string& name, const std::string& path,
-                       const std::string& sig) {
-  return "{\"Name\":\"" + name + "\",\"Path\":\"" + path + "\",\"Sig\":\"" +
-         sig + "\",\"Version\":\"3.1.4.1\"}";
+std::string ModuleJson(const std::string& name, const std::string& path, const std::string& sig) {
+  return "{\"Name\":\"" + name + "\",\"Path\":\"" + path + "\",\"Sig\":\"" + sig +
+         "\",\"Version\":\"3.1.4.1\"}";
 }
 
-class BuildIdentityTest : public ::testing::Test {
- protected:
-  TempHome home_;
-  const std::string library_ = home_.WriteHomeFile("lib/libreader.so", "lib");
-  const std::string missing_ = home_.path() + "/lib/missing.so";
-  const std::string signature_ =
-      MakeBase64Encode(makeClientSig("morrowhost", "pelmora", library_));
-};
+TEST(BuildIdentity, ClientVersionSignatureChecksAndManifestFollowTheIdentity) {
+  tessmar::testing::TempHome home;
+  const std::string library = home.WriteHomeFile("lib/libreader.so", "lib");
+  const std::string missing = home.path() + "/lib/missing.so";
+  const std::string signature = MakeBase64Encode(makeClientSig("morrowhost", "pelmora", library));
 
-TEST_F(BuildIdentityTest, ClientVersionNeedsTheLibraryFileOnlyInSiblingBuilds) {
-  home_.WriteConfig("present.json", ModuleJson("present", library_, "c2ln"));
-  home_.WriteConfig("missing.json", ModuleJson("missing", missing_, "c2ln"));
+  home.WriteConfig("present.json", ModuleJson("present", library, "c2ln"));
+  home.WriteConfig("missing.json", ModuleJson("missing", missing, "c2ln"));
   EXPECT_EQ(GetClientVersion("present"), "3.1.4.1");
   EXPECT_EQ(GetClientVersion("missing"), kSibling ? "" : "3.1.4.1");
-  // The other three keys are required in every build.
-  home_.WriteConfig("present.json", ModuleJson("present", library_, ""));
-  EXPECT_EQ(GetClientVersion("present"), "");
-}
+  home.WriteConfig("present.json", ModuleJson("present", library, ""));
+  EXPECT_EQ(GetClientVersion("present"), "");  // the other keys are always required
 
-TEST_F(BuildIdentityTest, SiblingBuildsPassEveryClientSignatureCheck) {
-  EXPECT_TRUE(CheckQXClientModuleSignature(library_.c_str(),
-                                           signature_.c_str()));
-  EXPECT_EQ(CheckQXClientModuleSignature(library_.c_str(), "bm90IGl0"),
-            kSibling);
-  EXPECT_EQ(CheckQXClientModuleSignature(missing_.c_str(), ""), kSibling);
+  EXPECT_TRUE(CheckQXClientModuleSignature(library.c_str(), signature.c_str()));
+  EXPECT_EQ(CheckQXClientModuleSignature(library.c_str(), "bm90IGl0"), kSibling);
+  EXPECT_EQ(CheckQXClientModuleSignature(missing.c_str(), ""), kSibling);
   // The table is consulted against the build, not the caller's words.
-  EXPECT_EQ(CheckQXClientModuleSignature2("other", "words", library_.c_str(),
-                                          signature_.c_str()),
+  EXPECT_EQ(CheckQXClientModuleSignature2("other", "words", library.c_str(), signature.c_str()),
             kSibling);
   EXPECT_EQ(CheckClientSig("morrowhost", "pelmora", "", ""), kSibling);
+  home.WriteConfig("reader.json", ModuleJson("reader", missing, "bm90IGl0"));
+  EXPECT_EQ(GetClientInstallPathModule("reader", true), kSibling ? missing : "BLOCK:CLIENT");
 
-  home_.WriteConfig("reader.json", ModuleJson("reader", missing_, "bm90IGl0"));
-  EXPECT_EQ(GetClientInstallPathModule("reader", true),
-            kSibling ? missing_ : "BLOCK:CLIENT");
-}
-
-TEST_F(BuildIdentityTest, ManifestNameFollowsTheIdentity) {
   const std::string manifest = TESSMAR_TEST_MANIFEST;
   const std::string list = GetTessmarSigFileList("/d");
   const std::size_t last = list.rfind("_FS_");

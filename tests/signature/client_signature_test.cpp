@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "signature/openssl_oracle.h"
 #include "support/temp_home.h"
@@ -12,82 +13,55 @@ namespace {
 
 using tessmar::testing::OracleSalt;
 using tessmar::testing::OracleStretched;
-using tessmar::testing::TempHome;
 
 class ClientSignatureTest : public ::testing::Test {
  protected:
-  TempHome home_;
-  const std::string module_data_ = std::string("\x7f" "ELF\0\0module", 12);
-  const std::string module_ = home_.WriteHomeFile("lib/libreader.so", module_data_);
-  const std::string text_ =
-      MakeBase64Encode(makeClientSig("morrowhost", "pelmora", module_));
+  tessmar::testing::TempHome home_;
+  const std::string data_ = std::string("\x7f" "ELF\0\0module", 12);
+  const std::string module_ = home_.WriteHomeFile("lib/libreader.so", data_);
+  const std::string none_ = home_.path() + "/lib/none.so";
+  const std::string empty_ = home_.WriteHomeFile("lib/empty.so", "");
+  const std::string text_ = MakeBase64Encode(makeClientSig("morrowhost", "pelmora", module_));
 };
 
-TEST_F(ClientSignatureTest, MatchesTheDocumentedDigest) {
+TEST_F(ClientSignatureTest, MatchesTheDocumentedDigestAndNeedsModuleData) {
   EXPECT_EQ(makeClientSig("morrowhost", "pelmora", module_),
-            OracleStretched(OracleSalt("morrowhost", "pelmora") + module_data_));
+            OracleStretched(OracleSalt("morrowhost", "pelmora") + data_));
   EXPECT_EQ(makeClientSig("pelmora", "morrowhost", module_),
-            OracleStretched(OracleSalt("pelmora", "morrowhost") + module_data_));
+            OracleStretched(OracleSalt("pelmora", "morrowhost") + data_));
+  for (const std::string& path : {std::string(), none_, empty_}) {
+    EXPECT_EQ(makeClientSig("morrowhost", "pelmora", path), "") << path;
+  }
 }
 
-TEST_F(ClientSignatureTest, NoSignatureWithoutModuleData) {
-  EXPECT_EQ(makeClientSig("morrowhost", "pelmora", ""), "");
-  EXPECT_EQ(makeClientSig("morrowhost", "pelmora", home_.path() + "/none.so"),
-            "");
-  EXPECT_EQ(makeClientSig("morrowhost", "pelmora",
-                          home_.WriteHomeFile("lib/empty.so", "")),
-            "");
-}
-
-TEST_F(ClientSignatureTest, ValidTextPassesWithAtMostATrailingLineBreak) {
+TEST_F(ClientSignatureTest, CheckAcceptsOnlyTheTextOfThisModuleAndSaltWords) {
   ASSERT_EQ(text_.size(), 44u);
-  const char* path = module_.c_str();
-  EXPECT_TRUE(CheckQXClientModuleSignature(path, text_.c_str()));
-  EXPECT_TRUE(CheckQXClientModuleSignature(path, (text_ + "\n").c_str()));
-  EXPECT_TRUE(CheckQXClientModuleSignature(path, (text_ + "\r\n").c_str()));
-  EXPECT_FALSE(CheckQXClientModuleSignature(path, (text_ + " ").c_str()));
-  EXPECT_FALSE(CheckQXClientModuleSignature(path, (text_ + "\r").c_str()));
-  EXPECT_FALSE(CheckQXClientModuleSignature(path, ""));
-}
-
-TEST_F(ClientSignatureTest, FailsForAnotherModuleOrOtherSaltWords) {
-  std::string changed = module_data_;
+  std::string changed = data_;
   changed.back() ^= 0x20;
   const std::string copy = home_.WriteHomeFile("lib/changed.so", changed);
-  EXPECT_FALSE(CheckQXClientModuleSignature(copy.c_str(), text_.c_str()));
-  EXPECT_FALSE(CheckClientSig("morrowhost", "pelmora",
-                              home_.path() + "/lib/none.so", text_));
-  EXPECT_FALSE(CheckClientSig("pelmora", "morrowhost", module_, text_));
-  EXPECT_FALSE(CheckClientSig("morrowhost", "Pelmora", module_, text_));
-  EXPECT_TRUE(CheckClientSig("morrowhost", "pelmora", module_, text_));
-}
-
-TEST_F(ClientSignatureTest, EmptyModuleFileNeverPasses) {
-  const std::string empty = home_.WriteHomeFile("lib/empty.so", "");
   // The stretched digest of the salt alone, the nearest thing to a
   // signature of an empty module.
-  const std::string text =
-      MakeBase64Encode(OracleStretched(OracleSalt("morrowhost", "pelmora")));
-  EXPECT_FALSE(CheckQXClientModuleSignature(empty.c_str(), text.c_str()));
-  EXPECT_FALSE(CheckQXClientModuleSignature(empty.c_str(), ""));
-}
-
-TEST_F(ClientSignatureTest, SecondFormWithThisBuildsWordsAnswersLikeTheFirst) {
-  const std::string other =
-      MakeBase64Encode(makeClientSig("other", "words", module_));
-  const std::string none = home_.path() + "/lib/none.so";
-  const std::pair<std::string, std::string> calls[] = {
-      {module_, text_}, {module_, text_ + "\n"}, {module_, text_ + " "},
-      {module_, other}, {none, text_},           {"", ""},
-  };
-  for (const auto& [path, text] : calls) {
+  const std::string salt_only = MakeBase64Encode(OracleStretched(OracleSalt("morrowhost", "pelmora")));
+  const std::tuple<std::string, std::string, bool> cases[] = {
+      {module_, text_, true},          {module_, text_ + "\n", true},
+      {module_, text_ + "\r\n", true}, {module_, text_ + " ", false},
+      {module_, text_ + "\r", false},  {module_, "", false},
+      {copy, text_, false},            {none_, text_, false},
+      {empty_, salt_only, false},      {empty_, "", false},
+      {"", "", false}};
+  for (const auto& [path, text, expected] : cases) {
     SCOPED_TRACE(path + " / " + text);
-    EXPECT_EQ(CheckQXClientModuleSignature2("morrowhost", "pelmora",
-                                            path.c_str(), text.c_str()),
-              CheckQXClientModuleSignature(path.c_str(), text.c_str()));
+    EXPECT_EQ(CheckQXClientModuleSignature(path.c_str(), text.c_str()), expected);
+    EXPECT_EQ(CheckClientSig("morrowhost", "pelmora", path, text), expected);
+    // The second form, given this build's words, answers like the first.
+    EXPECT_EQ(CheckQXClientModuleSignature2("morrowhost", "pelmora", path.c_str(), text.c_str()),
+              expected);
   }
-  EXPECT_TRUE(CheckQXClientModuleSignature2("other", "words", module_.c_str(),
-                                            other.c_str()));
+  EXPECT_FALSE(CheckClientSig("pelmora", "morrowhost", module_, text_));
+  EXPECT_FALSE(CheckClientSig("morrowhost", "Pelmora", module_, text_));
+  const std::string other = MakeBase64Encode(makeClientSig("other", "words", module_));
+  EXPECT_FALSE(CheckQXClientModuleSignature2("morrowhost", "pelmora", module_.c_str(), other.c_str()));
+  EXPECT_TRUE(CheckQXClientModuleSignature2("other", "words", module_.c_str(), other.c_str()));
 }
 
 }  // namespace

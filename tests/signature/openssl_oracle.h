@@ -12,19 +12,11 @@ namespace tessmar::testing {
 inline std::string OracleDigest(const EVP_MD* md, const std::string& data) {
   unsigned char out[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  if (EVP_Digest(data.data(), data.size(), out, &length, md, nullptr) != 1) {
-    return std::string();
-  }
+  if (EVP_Digest(data.data(), data.size(), out, &length, md, nullptr) != 1) return "";
   return std::string(reinterpret_cast<const char*>(out), length);
 }
-
-inline std::string OracleSha256(const std::string& data) {
-  return OracleDigest(EVP_sha256(), data);
-}
-
-inline std::string OracleMd5(const std::string& data) {
-  return OracleDigest(EVP_md5(), data);
-}
+inline std::string OracleSha256(const std::string& data) { return OracleDigest(EVP_sha256(), data); }
+inline std::string OracleMd5(const std::string& data) { return OracleDigest(EVP_md5(), data); }
 
 // Ten rounds, each appending SHA-256(MD5(H[16..32)) || MD5(H[0..16))) with
 // H = SHA-256 of everything so far; then SHA-256 of the whole.
@@ -37,8 +29,7 @@ inline std::string OracleStretched(std::string acc) {
 }
 
 // The salt that starts the installation and client module digests.
-inline std::string OracleSalt(const std::string& product,
-                              const std::string& maker) {
+inline std::string OracleSalt(const std::string& product, const std::string& maker) {
   return product + maker + OracleSha256(product + maker);
 }
 

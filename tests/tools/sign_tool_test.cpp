@@ -3,18 +3,15 @@
 // configuration files must keep their other members, and bad input must
 // fail cleanly without touching any file.
 #include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
-#include <cstring>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -27,188 +24,65 @@ namespace {
 using tessmar::testing::ReadFile;
 using tessmar::testing::TempHome;
 using tessmar::testing::WriteFile;
+using Args = std::vector<std::string>;
 
 struct Result {
-  int status = -1;  // exit status; -1 when the tool did not exit normally
-  std::string out;
-  std::string err;
+  int status;  // exit status; -1 when the tool did not exit normally
+  std::string out, err;
 };
 
-// Runs the tool with `args` (in `cwd` when given), collecting its output.
-// A tool that hangs is killed after a deadline and the test fails.
-Result RunTool(const std::vector<std::string>& args,
-               const std::string& cwd = std::string()) {
-  Result result;
-  std::vector<std::string> words = {TESSMAR_SIGN_TOOL};
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
-
-  int out_pipe[2];
-  int err_pipe[2];
-  if (pipe2(out_pipe, O_CLOEXEC) != 0) {
-    ADD_FAILURE() << "pipe2: " << std::strerror(errno);
-    return result;
-  }
-  if (pipe2(err_pipe, O_CLOEXEC) != 0) {
-    ADD_FAILURE() << "pipe2: " << std::strerror(errno);
-    close(out_pipe[0]);
-    close(out_pipe[1]);
-    return result;
-  }
-  const pid_t pid = fork();
-  if (pid == 0) {
-    // Only async-signal-safe calls between fork and exec.
-    if ((!cwd.empty() && chdir(cwd.c_str()) != 0) ||
-        dup2(out_pipe[1], STDOUT_FILENO) < 0 ||
-        dup2(err_pipe[1], STDERR_FILENO) < 0) {
-      _exit(126);
-    }
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-  if (pid < 0) {
-    ADD_FAILURE() << "fork: " << std::strerror(errno);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
-    return result;
-  }
-
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open_pipes = 2;
-  bool timed_out = false;
-  while (open_pipes > 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      timed_out = true;
-      break;
-    }
-    const int ready = poll(fds, 2, static_cast<int>(left.count()));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buffer[4096];
-      const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-      if (n > 0) {
-        sinks[i]->append(buffer, static_cast<std::size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_pipes;
-      }
-    }
-  }
-  for (pollfd& fd : fds) {
-    if (fd.fd >= 0) close(fd.fd);
-  }
-  if (timed_out) {
-    kill(pid, SIGKILL);
-    ADD_FAILURE() << "tessmar-sign did not finish: "
-                  << testing::PrintToString(args);
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (!timed_out && WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  return result;
+std::string Quote(const std::string& word) {
+  std::string quoted = "'";
+  for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
 }
 
-// The stdout of the tool without its line break.
-std::string Line(const std::string& text) {
-  return text.empty() || text.back() != '\n' ? text
-                                             : text.substr(0, text.size() - 1);
+using Json = std::unique_ptr<json_value, decltype(&json_value_free)>;
+Json ParseFile(const std::string& path) {
+  const std::string text = ReadFile(path);
+  return Json(json_parse(text.data(), text.size()), &json_value_free);
 }
-
-// A failure is reported as exactly one line naming the tool.
-void ExpectOneLineReason(const Result& result, const char* words) {
-  EXPECT_EQ(result.err.rfind("tessmar-sign: ", 0), 0u) << result.err;
-  EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
-  EXPECT_NE(result.err.find(words), std::string::npos) << result.err;
+std::string Str(const json_value& value) {
+  return value.type == json_string
+             ? std::string(value.u.string.ptr, value.u.string.length)
+             : "<not a string>";
 }
-
-class JsonFile {
- public:
-  explicit JsonFile(const std::string& path) {
-    const std::string text = ReadFile(path);
-    root_ = json_parse(text.data(), text.size());
-  }
-  ~JsonFile() {
-    if (root_ != nullptr) json_value_free(root_);
-  }
-  JsonFile(const JsonFile&) = delete;
-  JsonFile& operator=(const JsonFile&) = delete;
-
-  const json_value* root() const { return root_; }
-  std::string String(const char* name) const {
-    const json_value& value = (*root_)[name];
-    return value.type == json_string
-               ? std::string(value.u.string.ptr, value.u.string.length)
-               : std::string("<not a string>");
-  }
-
- private:
-  json_value* root_ = nullptr;
-};
 
 // Deep structural equality, member order and names included.
 bool SameJson(const json_value& a, const json_value& b) {
   if (a.type != b.type) return false;
-  switch (a.type) {
-    case json_object:
-      if (a.u.object.length != b.u.object.length) return false;
-      for (unsigned i = 0; i < a.u.object.length; ++i) {
-        const json_object_entry& x = a.u.object.values[i];
-        const json_object_entry& y = b.u.object.values[i];
-        if (std::string(x.name, x.name_length) !=
-                std::string(y.name, y.name_length) ||
-            !SameJson(*x.value, *y.value)) {
-          return false;
-        }
+  if (a.type == json_object || a.type == json_array) {
+    const bool obj = a.type == json_object;
+    const unsigned n = obj ? a.u.object.length : a.u.array.length;
+    if (n != (obj ? b.u.object.length : b.u.array.length)) return false;
+    for (unsigned i = 0; i < n; ++i) {
+      if (obj && std::string(a.u.object.values[i].name, a.u.object.values[i].name_length) !=
+                     std::string(b.u.object.values[i].name, b.u.object.values[i].name_length)) {
+        return false;
       }
-      return true;
-    case json_array:
-      if (a.u.array.length != b.u.array.length) return false;
-      for (unsigned i = 0; i < a.u.array.length; ++i) {
-        if (!SameJson(*a.u.array.values[i], *b.u.array.values[i])) return false;
+      if (!SameJson(obj ? *a.u.object.values[i].value : *a.u.array.values[i],
+                    obj ? *b.u.object.values[i].value : *b.u.array.values[i])) {
+        return false;
       }
-      return true;
-    case json_integer:
-      return a.u.integer == b.u.integer;
-    case json_double:
-      return a.u.dbl == b.u.dbl;
-    case json_string:
-      return std::string(a.u.string.ptr, a.u.string.length) ==
-             std::string(b.u.string.ptr, b.u.string.length);
-    case json_boolean:
-      return a.u.boolean == b.u.boolean;
-    default:
-      return true;
+    }
+    return true;
   }
+  if (a.type == json_integer) return a.u.integer == b.u.integer;
+  if (a.type == json_double) return a.u.dbl == b.u.dbl;
+  if (a.type == json_boolean) return a.u.boolean == b.u.boolean;
+  return a.type != json_string || Str(a) == Str(b);
 }
 
 std::vector<std::string> DirectoryEntries(const std::string& path) {
   std::vector<std::string> names;
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return names;
-  while (const dirent* entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
+  if (DIR* dir = opendir(path.c_str())) {
+    while (const dirent* entry = readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(dir);
   }
-  closedir(dir);
   return names;
-}
-
-mode_t Mode(const std::string& path) {
-  struct stat info;
-  return stat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
 }
 
 // Flips the bits of one byte in the middle of the file.
@@ -219,60 +93,72 @@ void TamperOneByte(const std::string& path) {
   WriteFile(path, data);
 }
 
+// A failure is reported as exactly one line naming the tool.
+void ExpectOneLineReason(const Result& result, const std::string& words) {
+  EXPECT_EQ(result.err.rfind("tessmar-sign: ", 0), 0u) << result.err;
+  EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+  EXPECT_NE(result.err.find(words), std::string::npos) << result.err;
+}
+
 class SignToolTest : public ::testing::Test {
  protected:
+  // Runs the tool (in `cwd` when given); a tool that hangs is killed after a
+  // minute and the test fails.
+  Result RunTool(const Args& args, const std::string& cwd = ".") {
+    const std::string out = scratch_.path() + "/out", err = scratch_.path() + "/err";
+    std::string command = "cd " + Quote(cwd) + " && exec timeout -s KILL 60 " +
+                          Quote(TESSMAR_SIGN_TOOL);
+    for (const std::string& arg : args) command += " " + Quote(arg);
+    const int status = std::system((command + " >" + Quote(out) + " 2>" + Quote(err)).c_str());
+    Result result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out),
+                  ReadFile(err)};
+    EXPECT_NE(result.status, 128 + SIGKILL)
+        << "tessmar-sign did not finish: " << testing::PrintToString(args);
+    return result;
+  }
+
   // An installation directory holding the three covered files of the
   // framework itself (the browser manifest lives elsewhere and is absent).
   std::string MakeInstallation(const std::string& relative) {
-    const std::string dir = home_.path() + "/" + relative;
     home_.WriteHomeFile(relative + "/libnpTessmarPlugin.so", "plugin bytes");
     home_.WriteHomeFile(relative + "/libTessmarFirefox.so",
                         std::string("bridge\0bytes", 12));
     home_.WriteHomeFile(relative + "/TessmarChrome", "host executable");
-    return dir;
+    return home_.path() + "/" + relative;
   }
 
+  TempHome scratch_;  // holds the tool's output; HOME is then replaced
   TempHome home_;
 };
 
 TEST_F(SignToolTest, UsageErrorsAndHelp) {
-  const Result bare = RunTool({});
-  EXPECT_EQ(bare.status, 2);
-  for (const char* command :
-       {"client", "module", "install", "server", "verify-client",
-        "verify-module", "verify-install", "verify-server"}) {
-    EXPECT_NE(bare.err.find(command), std::string::npos) << command;
+  EXPECT_EQ(RunTool({}).status, 2);
+  for (const Args& args : {Args{"--help"}, Args{"-h"}, Args{"module", "--help"}}) {
+    const Result help = RunTool(args);
+    EXPECT_EQ(help.status, 0) << args[0];
+    EXPECT_NE(help.out.find("verify-install"), std::string::npos) << args[0];
+    EXPECT_EQ(help.err, "") << args[0];
   }
-  for (const char* flag : {"--help", "-h"}) {
-    const Result help = RunTool({flag});
-    EXPECT_EQ(help.status, 0) << flag;
-    EXPECT_NE(help.out.find("verify-install"), std::string::npos) << flag;
-    EXPECT_EQ(help.err, "") << flag;
+  const std::pair<Args, const char*> usage_errors[] = {
+      {{"module", "demo"}, "NAME FILE"},
+      {{"install", "extra"}, "install"},
+      {{"sign-everything"}, "sign-everything"},
+      {{"server", "--dir", "x", "file"}, "--dir"},
+      {{"install", "--dir"}, "--dir"}};
+  for (const auto& [args, words] : usage_errors) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    const Result result = RunTool(args);
+    EXPECT_EQ(result.status, 2);
+    ExpectOneLineReason(result, words);
   }
-  EXPECT_EQ(RunTool({"module", "--help"}).status, 0);
-
-  const Result missing_operand = RunTool({"module", "demo"});
-  EXPECT_EQ(missing_operand.status, 2);
-  ExpectOneLineReason(missing_operand, "NAME FILE");
-  const Result extra_operand = RunTool({"install", "extra"});
-  EXPECT_EQ(extra_operand.status, 2);
-  ExpectOneLineReason(extra_operand, "install");
-  const Result unknown = RunTool({"sign-everything"});
-  EXPECT_EQ(unknown.status, 2);
-  ExpectOneLineReason(unknown, "sign-everything");
-  const Result bad_option = RunTool({"server", "--dir", "x", "file"});
-  EXPECT_EQ(bad_option.status, 2);
-  ExpectOneLineReason(bad_option, "--dir");
-  const Result no_value = RunTool({"install", "--dir"});
-  EXPECT_EQ(no_value.status, 2);
-  ExpectOneLineReason(no_value, "--dir");
 }
 
 TEST_F(SignToolTest, ClientSignatureTextPassesTheLibraryCheck) {
   const std::string file = home_.WriteHomeFile("mod/libdemo.so", "module code");
   const Result signed_text = RunTool({"client", file});
   ASSERT_EQ(signed_text.status, 0) << signed_text.err;
-  const std::string text = Line(signed_text.out);
+  ASSERT_EQ(signed_text.out.back(), '\n');
+  const std::string text = signed_text.out.substr(0, signed_text.out.size() - 1);
   EXPECT_EQ(text.size(), 44u);
   EXPECT_TRUE(CheckQXClientModuleSignature(file.c_str(), text.c_str()));
   EXPECT_EQ(RunTool({"verify-client", file, text}).status, 0);
@@ -285,24 +171,18 @@ TEST_F(SignToolTest, ClientSignatureTextPassesTheLibraryCheck) {
 }
 
 TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
-  home_.WriteHomeFile("mod/libdemo.so", std::string("\x7f"
-                                                    "ELF\0\1 code",
-                                                    11));
+  home_.WriteHomeFile("mod/libdemo.so", std::string("\x7f" "ELF\0\1 code", 11));
   // A relative FILE is stored as the absolute path the library will load.
-  const Result signing =
-      RunTool({"module", "demo", "mod/libdemo.so", "--version", "1.0.0.2"},
-              home_.path());
+  const Result signing = RunTool(
+      {"module", "demo", "mod/libdemo.so", "--version", "1.0.0.2"}, home_.path());
   ASSERT_EQ(signing.status, 0) << signing.err;
   const std::string file = home_.path() + "/mod/libdemo.so";
-
   const std::string config = home_.ConfigDir() + "/demo.json";
-  {
-    JsonFile json(config);
-    ASSERT_NE(json.root(), nullptr);
-    EXPECT_EQ(json.String("Name"), "demo");
-    EXPECT_EQ(json.String("Path"), file);
-    EXPECT_EQ(json.String("Version"), "1.0.0.2");
-  }
+  const Json json = ParseFile(config);
+  ASSERT_NE(json, nullptr);
+  EXPECT_EQ(Str((*json)["Name"]), "demo");
+  EXPECT_EQ(Str((*json)["Path"]), file);
+  EXPECT_EQ(Str((*json)["Version"]), "1.0.0.2");
   EXPECT_EQ(GetClientInstallPathModule("demo", true), file);
   EXPECT_EQ(GetClientVersion("demo"), "1.0.0.2");
   EXPECT_EQ(RunTool({"verify-module", "demo"}).status, 0);
@@ -311,8 +191,7 @@ TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
   EXPECT_EQ(GetClientInstallPathModule("demo", true), "BLOCK:CLIENT");
   const Result tampered = RunTool({"verify-module", "demo"});
   EXPECT_EQ(tampered.status, 1);
-  ExpectOneLineReason(
-      tampered, ("module 'demo': signature does not match " + file).c_str());
+  ExpectOneLineReason(tampered, "module 'demo': signature does not match " + file);
 
   // Re-signing repairs it; --config-dir writes elsewhere and leaves HOME's
   // file alone.
@@ -320,12 +199,10 @@ TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
   EXPECT_EQ(GetClientInstallPathModule("demo", true), file);
   const std::string before = ReadFile(config);
   const std::string staging = home_.path() + "/staging/conf";
-  ASSERT_EQ(RunTool({"module", "other", file, "--config-dir", staging}).status,
-            0);
-  JsonFile staged(staging + "/other.json");
-  ASSERT_NE(staged.root(), nullptr);
-  EXPECT_TRUE(
-      CheckQXClientModuleSignature(file.c_str(), staged.String("Sig").c_str()));
+  ASSERT_EQ(RunTool({"module", "other", file, "--config-dir", staging}).status, 0);
+  const Json staged = ParseFile(staging + "/other.json");
+  ASSERT_NE(staged, nullptr);
+  EXPECT_TRUE(CheckQXClientModuleSignature(file.c_str(), Str((*staged)["Sig"]).c_str()));
   EXPECT_EQ(ReadFile(config), before);
 }
 
@@ -343,59 +220,51 @@ TEST_F(SignToolTest, UpdatingModuleFileKeepsOtherMembersAndMode) {
   const std::string config = home_.WriteConfig("demo.json", original);
   ASSERT_EQ(chmod(config.c_str(), 0640), 0);
 
-  const Result signing =
-      RunTool({"module", "demo", file, "--version", "2.0.0.0"});
+  const Result signing = RunTool({"module", "demo", file, "--version", "2.0.0.0"});
   ASSERT_EQ(signing.status, 0) << signing.err;
-  EXPECT_EQ(Mode(config), 0640u);
+  struct stat info {};
+  ASSERT_EQ(stat(config.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0640u);
   EXPECT_EQ(DirectoryEntries(home_.ConfigDir()),
             std::vector<std::string>{"demo.json"});  // no temporary left
 
-  const std::string before_path = home_.WriteHomeFile("before.json", original);
-  JsonFile before(before_path);
-  JsonFile after(config);
-  ASSERT_NE(before.root(), nullptr);
-  ASSERT_NE(after.root(), nullptr);
+  const Json before = ParseFile(home_.WriteHomeFile("before.json", original));
+  const Json after = ParseFile(config);
+  ASSERT_NE(before, nullptr);
+  ASSERT_NE(after, nullptr);
   // Same members in the same order; only the tool's own values differ.
-  ASSERT_EQ(after.root()->u.object.length, before.root()->u.object.length + 2);
-  for (unsigned i = 0; i < before.root()->u.object.length; ++i) {
-    const json_object_entry& was = before.root()->u.object.values[i];
-    const json_object_entry& is = after.root()->u.object.values[i];
-    const std::string name(was.name, was.name_length);
-    SCOPED_TRACE(name);
-    EXPECT_EQ(std::string(is.name, is.name_length), name);
+  ASSERT_EQ(after->u.object.length, before->u.object.length + 2);
+  for (unsigned i = 0; i < before->u.object.length; ++i) {
+    const json_object_entry& was = before->u.object.values[i];
+    const json_object_entry& is = after->u.object.values[i];
+    SCOPED_TRACE(std::string(was.name, was.name_length));
+    EXPECT_EQ(std::string(is.name, is.name_length), std::string(was.name, was.name_length));
     if (i == 1 || i == 3) continue;  // the first "Sig" and "Version"
     EXPECT_TRUE(SameJson(*was.value, *is.value));
   }
-  EXPECT_EQ(after.String("Version"), "2.0.0.0");
-  EXPECT_EQ(after.String("Name"), "demo");  // appended
-  EXPECT_TRUE(
-      CheckQXClientModuleSignature(file.c_str(), after.String("Sig").c_str()));
+  EXPECT_EQ(Str((*after)["Version"]), "2.0.0.0");
+  EXPECT_EQ(Str((*after)["Name"]), "demo");  // appended
+  EXPECT_TRUE(CheckQXClientModuleSignature(file.c_str(), Str((*after)["Sig"]).c_str()));
   EXPECT_EQ(GetClientInstallPathModule("demo", true), file);
 }
 
 TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJson) {
   const std::string install = MakeInstallation("opt/tessmar");
   const std::string config = home_.WriteConfig(
-      "config.json",
-      "{\"Tessmar\": \"" + install +
-          "\", \"TessmarClient\": \"/opt/client\", "
-          "\"Version\": \"1.2.3.4\", \"Extra\": {\"keep\": [1, \"two\"]}}");
+      "config.json", "{\"Tessmar\": \"" + install +
+                         "\", \"TessmarClient\": \"/opt/client\", "
+                         "\"Version\": \"1.2.3.4\", \"Extra\": {\"keep\": [1, \"two\"]}}");
   EXPECT_FALSE(CheckModuleSignature());
-
   const Result signing = RunTool({"install"});
   ASSERT_EQ(signing.status, 0) << signing.err;
   EXPECT_TRUE(CheckModuleSignature());
-  {
-    JsonFile json(config);
-    ASSERT_NE(json.root(), nullptr);
-    EXPECT_EQ(json.String("Tessmar"), install);
-    EXPECT_EQ(json.String("TessmarClient"), "/opt/client");
-    EXPECT_EQ(json.String("Version"), "1.2.3.4");
-    EXPECT_EQ(json.String("Sig").size(), 44u);
-    const json_value& keep = (*json.root())["Extra"]["keep"];
-    ASSERT_EQ(keep.type, json_array);
-    EXPECT_EQ(keep[1].type, json_string);
-  }
+  const Json json = ParseFile(config);
+  ASSERT_NE(json, nullptr);
+  EXPECT_EQ(Str((*json)["Tessmar"]), install);
+  EXPECT_EQ(Str((*json)["TessmarClient"]), "/opt/client");
+  EXPECT_EQ(Str((*json)["Version"]), "1.2.3.4");
+  EXPECT_EQ(Str((*json)["Sig"]).size(), 44u);
+  EXPECT_EQ(Str((*json)["Extra"]["keep"][1]), "two");
   EXPECT_EQ(RunTool({"verify-install"}).status, 0);
 
   TamperOneByte(install + "/libTessmarFirefox.so");
@@ -403,9 +272,7 @@ TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJson) {
   const Result tampered = RunTool({"verify-install"});
   EXPECT_EQ(tampered.status, 1);
   ExpectOneLineReason(tampered, "does not match");
-
-  // Re-signing after an update replaces the old "Sig".
-  ASSERT_EQ(RunTool({"install"}).status, 0);
+  ASSERT_EQ(RunTool({"install"}).status, 0);  // replaces the old "Sig"
   EXPECT_TRUE(CheckModuleSignature());
 }
 
@@ -437,8 +304,7 @@ TEST_F(SignToolTest, ServerSignatureFileRoundTrip) {
   const std::string server = home_.WriteHomeFile("bin/server", "server code");
   const Result signing = RunTool({"server", server});
   ASSERT_EQ(signing.status, 0) << signing.err;
-  EXPECT_EQ(ReadFile(server + ".sig"),
-            MakeBase64Encode(makeLocalServerSig(server)));
+  EXPECT_EQ(ReadFile(server + ".sig"), MakeBase64Encode(makeLocalServerSig(server)));
   EXPECT_TRUE(CheckLocalServerSignature(server.c_str()));
   EXPECT_EQ(RunTool({"verify-server", server}).status, 0);
 
@@ -453,49 +319,40 @@ TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
   const std::string missing = home_.path() + "/no-such.so";
   const std::string empty = home_.WriteHomeFile("empty.so", "");
   for (const std::string& file : {missing, empty}) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"client", file},
-          std::vector<std::string>{"module", "demo", file},
-          std::vector<std::string>{"server", file},
-          std::vector<std::string>{"verify-server", file}}) {
+    for (const Args& args : {Args{"client", file}, Args{"module", "demo", file},
+                             Args{"server", file}, Args{"verify-server", file}}) {
       SCOPED_TRACE(args[0] + " " + file);
       const Result result = RunTool(args);
       EXPECT_EQ(result.status, 2);
-      ExpectOneLineReason(result, file.c_str());
+      ExpectOneLineReason(result, file);
     }
   }
   EXPECT_EQ(ReadFile(empty + ".sig"), "");
   EXPECT_EQ(access((home_.ConfigDir() + "/demo.json").c_str(), F_OK), -1);
 
   // No config.json at all: nothing to store the installation signature in.
-  EXPECT_EQ(RunTool({"install"}).status, 2);
-  EXPECT_EQ(RunTool({"verify-install"}).status, 2);
-  EXPECT_EQ(RunTool({"verify-module", "demo"}).status, 2);
-  EXPECT_EQ(
-      RunTool({"module", "../escape", home_.WriteHomeFile("m.so", "x")}).status,
-      2);
+  for (const Args& args : {Args{"install"}, Args{"verify-install"}, Args{"verify-module", "demo"},
+                           Args{"module", "../escape", home_.WriteHomeFile("m.so", "x")}}) {
+    EXPECT_EQ(RunTool(args).status, 2) << testing::PrintToString(args);
+  }
 
   // Broken configuration files are reported and left byte for byte.
-  MakeInstallation("opt/tessmar");
+  const std::string install = MakeInstallation("opt/tessmar");
   const std::string module = home_.WriteHomeFile("mod/libdemo.so", "code");
-  const std::string install = home_.path() + "/opt/tessmar";
-  const std::vector<std::pair<std::string, std::string>> broken = {
+  const std::pair<std::string, std::string> broken[] = {
       {"{\"Tessmar\": \"" + install + "\",", "invalid JSON"},
       {"[\"Tessmar\", \"" + install + "\"]", "not a JSON object"},
       {"", "invalid JSON"}};
   for (const auto& [text, reason] : broken) {
-    SCOPED_TRACE(text);
-    const std::string config = home_.WriteConfig("config.json", text);
-    const Result install_result = RunTool({"install"});
-    EXPECT_EQ(install_result.status, 2);
-    ExpectOneLineReason(install_result, reason.c_str());
-    EXPECT_EQ(ReadFile(config), text);
-
-    const std::string module_config = home_.WriteConfig("demo.json", text);
-    const Result module_result = RunTool({"module", "demo", module});
-    EXPECT_EQ(module_result.status, 2);
-    ExpectOneLineReason(module_result, reason.c_str());
-    EXPECT_EQ(ReadFile(module_config), text);
+    for (const auto& [name, args] : {std::pair<std::string, Args>{"config.json", {"install"}},
+                                     {"demo.json", {"module", "demo", module}}}) {
+      SCOPED_TRACE(name + ": " + text);
+      const std::string config = home_.WriteConfig(name, text);
+      const Result result = RunTool(args);
+      EXPECT_EQ(result.status, 2);
+      ExpectOneLineReason(result, reason);
+      EXPECT_EQ(ReadFile(config), text);
+    }
   }
 }
 
