@@ -1,6 +1,6 @@
-// The callback queue: the "setcallback" messages of in-process modules,
-// tsmx_Pop, tsmx_Free and the bridge's host-function table. The queue lives
-// for the whole process, so each test starts by draining it.
+// The callback queue: "setcallback" messages of in-process modules, tsmx_Pop,
+// tsmx_Free and the bridge's host table. The queue lives for the whole
+// process, so each test starts by draining it.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -16,97 +16,77 @@ namespace {
 using tessmar::bridge::g_bridgeHostFuncs;
 using tessmar::bridge::PushSetCallbackReply;
 using tessmar::bridge::QueueCallback;
-using tessmar::testing::DrainQueue;
 using tessmar::testing::PopText;
 
 class CallbackQueue : public ::testing::Test {
  protected:
-  void SetUp() override { DrainQueue(); }
+  void SetUp() override { tessmar::testing::DrainQueue(); }
 };
 
-TEST_F(CallbackQueue, PopOnAnEmptyQueueGivesAFreshEmptyTextEveryTime) {
-  for (int i = 0; i < 3; ++i) {
-    char* text = tsmx_Pop();
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text, "");
-    tsmx_Free(text);
-  }
-  tsmx_Free(nullptr);  // allowed, and does nothing
-}
-
-TEST_F(CallbackQueue, SetCallbackMessageIsBuiltByteForByte) {
+// The message text, byte for byte; pieces are copied without escaping, a
+// missing or empty reply is {}, a missing tab or callback queues nothing.
+TEST_F(CallbackQueue, SetCallbackMessagesAreBuiltByteForByte) {
   const int marker = 0;
-  EXPECT_EQ(PushSetCallbackReply("tab1", &marker, "onData", "{\"v\":[1,2]}"),
-            0);
-  EXPECT_EQ(PopText(),
-            "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"tab1\", "
-            "\"callback\":\"onData\", \"reply\":{\"v\":[1,2]}}}");
-  EXPECT_EQ(PopText(), "");
+  const struct {
+    const char* tabid;
+    const char* callback;
+    const char* reply;
+    const char* message;
+  } cases[] = {
+      {"tab1", "onData", "{\"v\":[1,2]}",
+       "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"tab1\", "
+       "\"callback\":\"onData\", \"reply\":{\"v\":[1,2]}}}"},
+      {"t", "c", nullptr,
+       "{\"response\":{\"id\":\"setcallback\", "
+       "\"tabid\":\"t\", \"callback\":\"c\", \"reply\":{}}}"},
+      {"t", "c", "",
+       "{\"response\":{\"id\":\"setcallback\", "
+       "\"tabid\":\"t\", \"callback\":\"c\", \"reply\":{}}}"},
+      {"a\"b", "c\\d", "\"raw\"",
+       "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"a\"b\", "
+       "\"callback\":\"c\\d\", \"reply\":\"raw\"}}"},
+      {nullptr, "c", "{}", ""},
+      {"t", nullptr, "{}", ""},
+      {nullptr, nullptr, nullptr, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    EXPECT_EQ(PushSetCallbackReply(c.tabid, &marker, c.callback, c.reply), 0);
+    EXPECT_EQ(PopText(), c.message);
+    EXPECT_EQ(PopText(), "");
+  }
 }
 
-TEST_F(CallbackQueue, NullOrEmptyReplyIsSentAsAnEmptyObject) {
-  const std::string expected =
-      "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"t\", "
-      "\"callback\":\"c\", \"reply\":{}}}";
-  EXPECT_EQ(PushSetCallbackReply("t", nullptr, "c", nullptr), 0);
-  EXPECT_EQ(PushSetCallbackReply("t", nullptr, "c", ""), 0);
-  EXPECT_EQ(PopText(), expected);
-  EXPECT_EQ(PopText(), expected);
-}
-
-TEST_F(CallbackQueue, MissingTabOrCallbackQueuesNothing) {
-  EXPECT_EQ(PushSetCallbackReply(nullptr, nullptr, "c", "{}"), 0);
-  EXPECT_EQ(PushSetCallbackReply("t", nullptr, nullptr, "{}"), 0);
-  EXPECT_EQ(PushSetCallbackReply(nullptr, nullptr, nullptr, nullptr), 0);
-  EXPECT_EQ(PopText(), "");
-}
-
-TEST_F(CallbackQueue, PiecesAreCopiedWithoutEscaping) {
-  PushSetCallbackReply("a\"b", nullptr, "c\\d", "\"raw\"");
-  EXPECT_EQ(PopText(),
-            "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"a\"b\", "
-            "\"callback\":\"c\\d\", \"reply\":\"raw\"}}");
-}
-
-TEST_F(CallbackQueue, MessagesComeOutInTheOrderTheyWereQueued) {
+TEST_F(CallbackQueue, MessagesComeOutInOrderAndEndAtTheirFirstNul) {
   QueueCallback("first from the host");
   PushSetCallbackReply("t", nullptr, "c", "2");
-  QueueCallback("third from the host");
+  QueueCallback(std::string("ab\0cd", 5));
+  QueueCallback(std::string("\0hidden", 7));
   for (int i = 0; i < 1000; ++i) QueueCallback(std::to_string(i));
 
   EXPECT_EQ(PopText(), "first from the host");
   EXPECT_EQ(PopText(),
             "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"t\", "
             "\"callback\":\"c\", \"reply\":2}}");
-  EXPECT_EQ(PopText(), "third from the host");
-  for (int i = 0; i < 1000; ++i) ASSERT_EQ(PopText(), std::to_string(i));
-  EXPECT_EQ(PopText(), "");
-}
-
-TEST_F(CallbackQueue, PoppedTextEndsAtTheMessagesFirstNul) {
-  QueueCallback(std::string("ab\0cd", 5));
-  QueueCallback(std::string("\0hidden", 7));
-  QueueCallback("after");
   EXPECT_EQ(PopText(), "ab");
   EXPECT_EQ(PopText(), "");  // popped, though it looks like an empty queue
-  EXPECT_EQ(PopText(), "after");
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(PopText(), std::to_string(i));
+  EXPECT_EQ(PopText(), "");  // a fresh empty text (never NULL) each time
+  EXPECT_EQ(PopText(), "");
+  tsmx_Free(nullptr);  // allowed, and does nothing
 }
 
-TEST_F(CallbackQueue, BridgeHostTableQueuesThroughPushSetCallbackReply) {
+TEST_F(CallbackQueue, HostTableQueuesAndTheResponseCallbackIsNeverCalled) {
   EXPECT_EQ(g_bridgeHostFuncs.version, 1u);
   EXPECT_EQ(g_bridgeHostFuncs.size, 48u);
   EXPECT_EQ(g_bridgeHostFuncs.revision, 2u);
   EXPECT_EQ(g_bridgeHostFuncs.Alloc, &std::malloc);
   EXPECT_EQ(g_bridgeHostFuncs.Free, &std::free);
   EXPECT_EQ(g_bridgeHostFuncs.SendCallback, &PushSetCallbackReply);
-}
-
-TEST_F(CallbackQueue, ResponseCallbackIsStoredButNeverCalled) {
-  // Calling this would end the test program.
+  // Calling it would end the test program.
   tsmx_SetResponseCallback(reinterpret_cast<void*>(&std::abort));
   PushSetCallbackReply("t", nullptr, "c", "{}");
   EXPECT_NE(PopText(), "");
-  EXPECT_EQ(PopText(), "");
   tsmx_SetResponseCallback(nullptr);
 }
 

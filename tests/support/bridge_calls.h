@@ -1,5 +1,5 @@
-// Test support: calling the bridge's exported functions and releasing what
-// they return, as the extension does.
+// Test support: the bridge's exported calls, with what they return released
+// through tsmx_Free as the extension does.
 #ifndef TESSMAR_TESTS_SUPPORT_BRIDGE_CALLS_H
 #define TESSMAR_TESTS_SUPPORT_BRIDGE_CALLS_H
 
@@ -13,7 +13,7 @@
 
 namespace tessmar::testing {
 
-// tsmx_Invoke's answer, released with tsmx_Free; nullopt for NULL.
+// tsmx_Invoke's answer; nullopt for NULL.
 inline std::optional<std::string> InvokeText(const char* request) {
   char* answer = tsmx_Invoke(request);
   if (answer == nullptr) return std::nullopt;
@@ -21,22 +21,20 @@ inline std::optional<std::string> InvokeText(const char* request) {
   tsmx_Free(answer);
   return text;
 }
-
 inline std::optional<std::string> InvokeText(const std::string& request) {
   return InvokeText(request.c_str());
 }
 
-// One tsmx_Pop, released with tsmx_Free; "" when nothing is queued.
+// One tsmx_Pop; "" when nothing is queued, "<NULL>" (never expected) for NULL.
 inline std::string PopText() {
   char* text = tsmx_Pop();
-  if (text == nullptr) return "<NULL>";  // never expected; makes tests fail
+  if (text == nullptr) return "<NULL>";
   std::string copy(text);
   tsmx_Free(text);
   return copy;
 }
 
-// Pops until `count` messages have arrived or `timeout` has passed, and
-// returns those that arrived, in order.
+// Pops until `count` messages arrived or `timeout` passed.
 inline std::vector<std::string> PopMessages(std::size_t count,
                                             std::chrono::milliseconds timeout) {
   std::vector<std::string> messages;
@@ -53,11 +51,10 @@ inline std::vector<std::string> PopMessages(std::size_t count,
   return messages;
 }
 
-// Pops until tsmx_Pop answers ""; returns how many messages it popped.
+// Pops until the queue is empty; returns how many messages it popped.
 inline std::size_t DrainQueue() {
   std::size_t drained = 0;
-  for (std::string text = PopText(); !text.empty() && text != "<NULL>";
-       text = PopText()) {
+  for (std::string t = PopText(); !t.empty() && t != "<NULL>"; t = PopText()) {
     ++drained;
   }
   return drained;

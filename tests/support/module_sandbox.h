@@ -1,23 +1,53 @@
-// Test support: everything a module-loading scenario needs, in one object:
-// a temporary HOME, a signed installation in it, and the fixtures' log.
-//
-// Create it in the test's own process, before RunIsolated, and let the
-// scenario capture it by reference: the child works in the directory, and the
-// parent removes it afterwards even when the child crashed or was killed.
+// Test support: what a module-loading scenario needs: a temporary HOME with a
+// signed installation, and the log the fixture modules append to (its path
+// is passed in TESSMAR_FIXTURE_LOG; one tab-separated line per call). Create
+// it before RunIsolated so the parent removes the directory afterwards.
 #ifndef TESSMAR_TESTS_SUPPORT_MODULE_SANDBOX_H
 #define TESSMAR_TESTS_SUPPORT_MODULE_SANDBOX_H
 
-#include "support/fixture_log.h"
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
 #include "support/signed_installation.h"
 #include "support/temp_home.h"
 
 namespace tessmar::testing {
 
+using Lines = std::vector<std::string>;
+
 struct ModuleSandbox {
+  ModuleSandbox() { setenv("TESSMAR_FIXTURE_LOG", log_path().c_str(), 1); }
+  ~ModuleSandbox() { unsetenv("TESSMAR_FIXTURE_LOG"); }
+  std::string log_path() const { return home.path() + "/fixture.log"; }
+  Lines Log() const {
+    std::istringstream in(ReadFile(log_path()));
+    Lines lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+
   TempHome home;
   SignedInstallation install{home};
-  FixtureLog log{home};
 };
+
+// Fields joined with tabs, as the fixtures write them.
+inline std::string LogLine(const Lines& fields) {
+  std::string line;
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    line += (i == 0 ? "" : "\t") + fields[i];
+  }
+  return line;
+}
+
+// The recording fixture's SetHostFuncs line for host table `host`.
+inline std::string SetHostFuncsLine(const char* tag, const void* host) {
+  char pointer[32];
+  std::snprintf(pointer, sizeof pointer, "%p", host);
+  return LogLine({tag, "SetHostFuncs", "1", "48", "2", pointer});
+}
 
 }  // namespace tessmar::testing
 

@@ -1,15 +1,6 @@
-// Test support: a signed framework installation and signed client modules
-// inside a TempHome, so that the module host will load modules.
-//
-// Every signature is computed at test time with the library's own functions,
-// the way the framework's installer produces them:
-//   - installation: config.json's "Sig" is MakeBase64Encode(makeSig(
-//     "morrowhost", "pelmora", "", header)) over the covered files
-//     libnpTessmarPlugin.so, libTessmarFirefox.so and TessmarChrome in the
-//     install directory (plus the browser manifest in the system directory,
-//     which test machines do not have and which then counts as empty);
-//   - module: NAME.json's "Sig" is MakeBase64Encode(makeClientSig(
-//     "morrowhost", "pelmora", Path)).
+// Test support: a framework installation and client modules inside a
+// TempHome, signed at test time with the library's own functions the way the
+// installer signs them, so that the module host will load the modules.
 #ifndef TESSMAR_TESTS_SUPPORT_SIGNED_INSTALLATION_H
 #define TESSMAR_TESTS_SUPPORT_SIGNED_INSTALLATION_H
 
@@ -21,20 +12,15 @@
 
 namespace tessmar::testing {
 
-// Replaces the file at `path` by a new file holding `data`: written beside it
-// and renamed over it, so a library that is mapped from the old file keeps
-// its pages (rewriting a mapped file in place could crash the process).
+// Writes beside `path` and renames over it, so a library mapped from the old
+// file keeps its pages.
 inline bool ReplaceFile(const std::string& path, const std::string& data) {
-  const std::string fresh = path + ".new";
-  WriteFile(fresh, data);
-  return std::rename(fresh.c_str(), path.c_str()) == 0;
+  WriteFile(path + ".new", data);
+  return std::rename((path + ".new").c_str(), path.c_str()) == 0;
 }
 
 class SignedInstallation {
  public:
-  static constexpr const char* kVersion = "2.5.0.1";
-
-  // Lays out the install directory and a signed config.json.
   explicit SignedInstallation(const TempHome& home)
       : home_(home), install_dir_(home.path() + "/opt/tessmar") {
     MakeDirectories(install_dir_);
@@ -47,42 +33,36 @@ class SignedInstallation {
 
   const std::string& install_dir() const { return install_dir_; }
 
-  // Rewrites config.json with the signature of the covered files as they
-  // are now. config.json itself is not covered, so it can be rewritten.
+  // Rewrites config.json (not itself covered) to match the files as they are.
   void Sign() const {
-    WriteConfigJson("");  // makeSig takes its header from the existing file
+    WriteConfigJson("");  // makeSig reads its header from the existing file
     std::string header;
-    const std::string digest = makeSig("morrowhost", "pelmora", "", header);
-    WriteConfigJson(MakeBase64Encode(digest));
+    WriteConfigJson(
+        MakeBase64Encode(makeSig("morrowhost", "pelmora", "", header)));
   }
 
-  // Changes one covered file, so the stored signature no longer matches.
+  // Changes a covered file so the stored signature no longer matches.
   void Tamper() const {
     WriteFile(install_dir_ + "/libTessmarFirefox.so", "changed after signing");
   }
 
-  // The module signature text of the file at `path`, as it is now.
   static std::string ModuleSignature(const std::string& path) {
     return MakeBase64Encode(makeClientSig("morrowhost", "pelmora", path));
   }
 
-  // Writes the module file NAME.json with the given members as they stand.
   void WriteModuleFile(const std::string& name, const std::string& path,
-                       const std::string& sig,
-                       const std::string& version = "1.0.0.1") const {
+                       const std::string& sig) const {
     home_.WriteConfig(name + ".json", "{\"Name\":\"" + name + "\",\"Path\":\"" +
                                           path + "\",\"Sig\":\"" + sig +
-                                          "\",\"Version\":\"" + version +
-                                          "\"}");
+                                          "\",\"Version\":\"1.0.0.1\"}");
   }
 
-  // Registers the library at `library` as module `name`, signed as it is now.
+  // Registers `library` as module `name`, signed as it is now.
   void AddModule(const std::string& name, const std::string& library) const {
     WriteModuleFile(name, library, ModuleSignature(library));
   }
 
-  // Copies `library` below HOME (so that the test may change the copy later),
-  // registers the copy as module `name` and returns its path.
+  // Registers a copy of `library` below HOME (for the test to change later).
   std::string AddModuleCopy(const std::string& name,
                             const std::string& library) const {
     const std::string copy =
@@ -93,9 +73,10 @@ class SignedInstallation {
 
  private:
   void WriteConfigJson(const std::string& sig) const {
-    home_.WriteConfig("config.json", "{\"Tessmar\":\"" + install_dir_ +
-                                         "\",\"Version\":\"" + kVersion +
-                                         "\",\"Sig\":\"" + sig + "\"}");
+    home_.WriteConfig("config.json",
+                      "{\"Tessmar\":\"" + install_dir_ +
+                          "\",\"Version\":\"2.5.0.1\",\"Sig\":\"" + sig +
+                          "\"}");
   }
 
   const TempHome& home_;
