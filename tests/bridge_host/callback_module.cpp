@@ -1,7 +1,6 @@
 // A client module for the end-to-end tests. Its Invoke sends callbacks
-// through the host's SendCallback from several threads at once, then answers
-// {"sent":N}; its Terminate leaves a marker file in HOME so a test can see
-// that the host unloaded it.
+// through the host's SendCallback from four threads at once, then answers
+// {"sent":101}; its Terminate leaves HOME/module-terminated behind.
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -13,28 +12,15 @@
 
 namespace {
 
-constexpr int kThreads = 4;
-constexpr int kPerThread = 25;
-
 QXHostFuncs* g_host = nullptr;
 
-void SetHostFuncs(QXHostFuncs* host) { g_host = host; }
-
-void Terminate() {
-  const char* home = std::getenv("HOME");
-  if (home != nullptr) std::ofstream(std::string(home) + "/module-terminated");
-}
-
-void FreeString(char* text) { std::free(text); }
-
-char* Invoke(const char* /*origin*/, const char* /*id*/,
-             const char* /*request*/) {
+char* Invoke(const char*, const char*, const char*) {
   g_host->SendCallback("t1", nullptr, nullptr, "{\"dropped\":1}");
   g_host->SendCallback("t1", nullptr, "cb", "");  // sent with {} as reply
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
-      for (int s = 0; s < kPerThread; ++s) {
+      for (int s = 0; s < 25; ++s) {
         const std::string reply = "{\"thread\":" + std::to_string(t) +
                                   ",\"seq\":" + std::to_string(s) + "}";
         g_host->SendCallback("t1", nullptr, "cb", reply.c_str());
@@ -42,9 +28,7 @@ char* Invoke(const char* /*origin*/, const char* /*id*/,
     });
   }
   for (std::thread& thread : threads) thread.join();
-  const std::string answer =
-      "{\"sent\":" + std::to_string(1 + kThreads * kPerThread) + "}";
-  return strdup(answer.c_str());
+  return strdup("{\"sent\":101}");
 }
 
 }  // namespace
@@ -52,9 +36,11 @@ char* Invoke(const char* /*origin*/, const char* /*id*/,
 extern "C" __attribute__((visibility("default"))) int Initialize(
     QxClientFuncs* funcs) {
   std::memset(funcs, 0, sizeof *funcs);
-  funcs->SetHostFuncs = SetHostFuncs;
-  funcs->Terminate = Terminate;
-  funcs->FreeString = FreeString;
+  funcs->SetHostFuncs = [](QXHostFuncs* host) { g_host = host; };
+  funcs->Terminate = [] {
+    std::ofstream(std::string(std::getenv("HOME")) + "/module-terminated");
+  };
+  funcs->FreeString = [](char* text) { std::free(text); };
   funcs->Invoke = Invoke;
   return 0;
 }

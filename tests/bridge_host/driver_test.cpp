@@ -1,9 +1,4 @@
 // tessmar-drive, run as a program against the built library.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <string>
-
 #include "bridge_host/host_fixture.h"
 #include "support/signed_installation.h"
 #include "tessmar/modhost.h"
@@ -12,7 +7,6 @@ namespace tessmar::testing {
 namespace {
 
 constexpr char kDriver[] = TESSMAR_TEST_DRIVER;
-constexpr char kReferenceHost[] = TESSMAR_TEST_REFERENCE_HOST;
 constexpr char kEcho[] =
     R"({"cmd":"native","id":"1","tabid":"t","callback":"c","echo":true})";
 
@@ -20,51 +14,40 @@ std::string EchoReply() {
   return process_request(nullptr, kEcho, sizeof kEcho - 1, nullptr);
 }
 
-std::size_t Count(const std::string& text, const std::string& part) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos;
-       at = text.find(part, at + 1)) {
-    ++count;
-  }
-  return count;
-}
-
-TEST(DriverTest, AnswersArgumentsInProcessWithAMarkerForNull) {
+TEST(DriverTest, AnswersInProcessFromArgumentsOrStandardInput) {
   TempHome home;
-  const ProgramResult result = RunProgram({kDriver, kEcho, "not json"});
+  ProgramResult result = RunProgram({kDriver, kEcho, "not json"});
   EXPECT_EQ(0, result.exit_code) << result.err;
   EXPECT_EQ(EchoReply() + "\n<null>\n", result.out);
-}
-
-TEST(DriverTest, ReadsStandardInputLineByLineSkippingBlankLines) {
-  TempHome home;
-  const ProgramResult result = RunProgram(
-      {kDriver}, std::string(kEcho) + "\n\n{\"init\":\"unknown\"}\n");
+  // Line by line, blank lines skipped; "" prints as an empty line.
+  result = RunProgram({kDriver}, std::string(kEcho) + "\n\n{\"init\":\"unknown\"}\n");
   EXPECT_EQ(0, result.exit_code) << result.err;
-  EXPECT_EQ(EchoReply() + "\n\n", result.out);  // "" prints as an empty line
+  EXPECT_EQ(EchoReply() + "\n\n", result.out);
 }
 
-TEST(DriverTest, RejectsBadArgumentsWithExitCode2) {
+TEST(DriverTest, ReportsBadArgumentsAndUnloadableLibraries) {
   TempHome home;
-  EXPECT_EQ(2, RunProgram({kDriver, "--wait-ms", "soon"}).exit_code);
-  // An empty request would be the host's stop message.
-  EXPECT_EQ(2, RunProgram({kDriver, "--host", ""}).exit_code);
-  const ProgramResult help = RunProgram({kDriver, "--help"});
-  EXPECT_EQ(0, help.exit_code);
-  EXPECT_NE(std::string::npos, help.out.find("exit status"));
-}
-
-TEST(DriverTest, ReportsALibraryOrSymbolThatCannotBeLoaded) {
-  TempHome home;
-  ProgramResult result =
-      RunProgram({kDriver, "--library", home.path() + "/none.so", kEcho});
-  EXPECT_EQ(1, result.exit_code);
-  EXPECT_NE(std::string::npos, result.err.find("/none.so"));
-
-  result =
-      RunProgram({kDriver, "--library", TESSMAR_TEST_CALLBACK_MODULE, kEcho});
-  EXPECT_EQ(1, result.exit_code);
-  EXPECT_NE(std::string::npos, result.err.find("tsmx_Startup"));
+  const std::string none = home.path() + "/none.so";
+  struct {
+    std::vector<std::string> argv;
+    int exit_code;
+    std::string ProgramResult::*stream;
+    std::string text;
+  } const cases[] = {
+      {{kDriver, "--wait-ms", "soon"}, 2, &ProgramResult::err, ""},
+      // An empty request would be the host's stop message.
+      {{kDriver, "--host", ""}, 2, &ProgramResult::err, ""},
+      {{kDriver, "--help"}, 0, &ProgramResult::out, "exit status"},
+      {{kDriver, "--library", none, kEcho}, 1, &ProgramResult::err, none},
+      {{kDriver, "--library", TESSMAR_TEST_CALLBACK_MODULE, kEcho}, 1,
+       &ProgramResult::err, "tsmx_Startup"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.argv[1] + " " + c.argv.back());
+    const ProgramResult result = RunProgram(c.argv);
+    EXPECT_EQ(c.exit_code, result.exit_code);
+    EXPECT_NE(std::string::npos, (result.*c.stream).find(c.text));
+  }
 }
 
 TEST(DriverTest, RefusesHostModeWithoutARunnableHost) {
@@ -78,9 +61,9 @@ TEST(DriverTest, RefusesHostModeWithoutARunnableHost) {
 
   // Executable, but its exec fails (no such interpreter): the driver's
   // forked child must not go on as a second driver, and nothing may hang.
-  const std::string script =
-      home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n");
-  chmod(script.c_str(), 0755);
+  chmod(home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n")
+            .c_str(),
+        0755);
   home.WriteConfig("config.json",
                    "{\"Tessmar\":\"" + home.path() + "/broken\"}");
   result = RunProgram({kDriver, "--host", kEcho});
@@ -92,21 +75,26 @@ TEST(DriverTest, RefusesHostModeWithoutARunnableHost) {
 TEST(DriverTest, HostModeRoundTripWithCallbacks) {
   TempHome home;
   const SignedInstallation install(home);
-  LinkHost(install.install_dir(), kReferenceHost);
+  LinkHost(install.install_dir(), TESSMAR_TEST_REFERENCE_HOST);
   install.AddModule("cbmod", TESSMAR_TEST_CALLBACK_MODULE);
   const ProgramResult result = RunProgram(
       {kDriver, "--host", "--wait-ms", "200", kEcho,
        R"({"cmd":"native","id":"2","tabid":"t1","callback":"cb","module":"cbmod"})"});
   EXPECT_EQ(0, result.exit_code) << result.err;
-  // The host shares the driver's stderr: no complaint from it either (nor,
-  // in sanitizer builds, a report).
+  // The host shares the driver's stderr: no complaint (nor sanitizer report).
   EXPECT_EQ("", result.err);
   EXPECT_EQ(0u, result.out.find(EchoReply() + "\n")) << result.out;
   EXPECT_NE(std::string::npos,
             result.out.find(BuildReplyEnvelope("2", "t1", REPLY_TRUE,
                                                "{\"sent\":101}", "cb") +
                             "\n"));
-  EXPECT_EQ(101u, Count(result.out, "\ncallback: {\"response\":"));
+  int callbacks = 0;
+  for (std::size_t at = 0;
+       (at = result.out.find("\ncallback: {\"response\":", at + 1)) !=
+       std::string::npos;) {
+    ++callbacks;
+  }
+  EXPECT_EQ(101, callbacks);
   EXPECT_TRUE(Absent(RequestFifo()));
 }
 

@@ -1,75 +1,189 @@
-// Support for end-to-end bridge tests in real processes.
-//
-// tsmx_Startup can succeed once per process (its flag is never cleared), so
-// every scenario runs in a forked child of its own, with a deadline: a
-// scenario that hangs in a blocking open or read is killed, together with
-// the host it started, and fails fast.
+// End-to-end bridge tests in real processes. tsmx_Startup can succeed only
+// once per process, so every scenario runs in a forked child with a deadline.
 #ifndef TESSMAR_TESTS_BRIDGE_HOST_HOST_FIXTURE_H
 #define TESSMAR_TESTS_BRIDGE_HOST_HOST_FIXTURE_H
 
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <climits>
 #include <functional>
-#include <string>
+#include <thread>
 #include <vector>
 
+#include "bridge/fifo_names.h"
+#include "config/config_location.h"
 #include "support/temp_home.h"
+#include "tessmar/bridge.h"
 
 namespace tessmar::testing {
 
 using std::chrono::milliseconds;
-inline constexpr milliseconds kScenarioDeadline{20000};
+using Clock = std::chrono::steady_clock;
+inline constexpr int kDeadlineSeconds = 20;
 
-// Runs `body` in a forked child that leads a process group of its own and
-// ignores SIGPIPE (the library installs no handler; a write to a host that
-// is gone must fail, not kill the scenario). gtest assertions work inside
-// `body`; the child prints its own failures, and the calling test fails too
-// when the child did, crashed or ran past the deadline. Unlike a plain
-// isolated run, a timeout kills the whole group: the host that the scenario
-// started, blocked in a read, goes with it.
-void RunScenario(const std::function<void()>& body,
-                        milliseconds deadline = kScenarioDeadline);
+// Runs `body` in a child that leads its own process group and ignores
+// SIGPIPE (a write to a vanished host must fail, not kill the scenario).
+// The test fails when the child failed, crashed or overran; then the whole
+// group, with any host left blocked in a read, is killed.
+inline void RunScenario(const std::function<void()>& body) {
+  const auto failures = [] {
+    const ::testing::TestResult* result =
+        ::testing::UnitTest::GetInstance()->current_test_info()->result();
+    int failed = 0;
+    for (int i = 0; i < result->total_part_count(); ++i) {
+      failed += result->GetTestPartResult(i).failed();
+    }
+    return failed;
+  };
+  const int failed_before = failures();  // earlier cases of a table test
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0) << "fork failed, errno " << errno;
+  if (pid == 0) {
+    setpgid(0, 0);
+    signal(SIGPIPE, SIG_IGN);
+    body();
+    std::fflush(nullptr);
+    _exit(failures() != failed_before ? 1 : 0);
+  }
+  setpgid(pid, pid);  // set on both sides: the kill below never races it
+  const auto end = Clock::now() + std::chrono::seconds(kDeadlineSeconds);
+  int status = 0;
+  pid_t done;
+  while ((done = waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < end) {
+    std::this_thread::sleep_for(milliseconds(5));
+  }
+  kill(-pid, SIGKILL);
+  const bool timed_out = done != pid;
+  if (timed_out) waitpid(pid, &status, 0);
+  EXPECT_TRUE(!timed_out && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+      << "the scenario's process " << (timed_out ? "timed out" : "failed")
+      << ", wait status " << status;
+}
 
 struct ProgramResult {
-  int exit_code = -1;  // -1 when killed by a signal or the deadline
-  bool timed_out = false;
+  int exit_code;  // 128 + N when killed by signal N (SIGKILL at the deadline)
   std::string out;
   std::string err;
 };
 
-// Runs `argv` with `input` on its standard input, the current environment
-// minus the variables named in `unset`, and a deadline.
-ProgramResult RunProgram(const std::vector<std::string>& argv,
-                         const std::string& input = "",
-                         const std::vector<std::string>& unset = {},
-                         milliseconds deadline = kScenarioDeadline);
+// Runs `argv` with `input` on its standard input under timeout(1), which
+// leads a process group of its own and kills all of it at the deadline.
+inline ProgramResult RunProgram(const std::vector<std::string>& argv,
+                                const std::string& input = "",
+                                bool without_home = false) {
+  const auto quote = [](const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? "'\\''" : std::string(1, c);
+    return quoted + "'";
+  };
+  const std::string base = std::string(std::getenv("HOME")) + "/.run-";
+  WriteFile(base + "in", input);
+  std::string command = "timeout -s KILL " + std::to_string(kDeadlineSeconds) +
+                        (without_home ? " env -u HOME" : "");
+  for (const std::string& arg : argv) command += " " + quote(arg);
+  command += " <" + quote(base + "in") + " >" + quote(base + "out") + " 2>" +
+             quote(base + "err");
+  const int status = std::system(command.c_str());
+  ProgramResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+                       ReadFile(base + "out"), ReadFile(base + "err")};
+  for (const char* name : {"in", "out", "err"}) unlink((base + name).c_str());
+  return result;
+}
 
-// The running test executable, resolved through /proc.
-std::string SelfExecutable();
+inline std::string Fifo(const char* name) {
+  return std::string(std::getenv("HOME")) + kUserConfigSubdirectory + "/" +
+         name;
+}
+inline std::string ReplyFifo() { return Fifo(bridge::kReplyFifoName); }
+inline std::string RequestFifo() { return Fifo(bridge::kRequestFifoName); }
+inline std::string CallbackFifo() { return Fifo(bridge::kCallbackFifoName); }
 
-// The three FIFO paths under the current HOME.
-std::string ReplyFifo();
-std::string RequestFifo();
-std::string CallbackFifo();
+inline std::string SelfExecutable() {
+  char path[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  return std::string(path, n > 0 ? static_cast<std::size_t>(n) : 0);
+}
 
 // Links INSTALL_DIR/TessmarFirefox to `host`; returns the link's path.
-std::string LinkHost(const std::string& install_dir, const std::string& host);
+inline std::string LinkHost(const std::string& install_dir,
+                            const std::string& host) {
+  MakeDirectories(install_dir);
+  const std::string path = install_dir + "/" + bridge::kHostExecutableName;
+  EXPECT_EQ(0, symlink(host.c_str(), path.c_str())) << path;
+  return path;
+}
 
-// An unsigned installation: config.json's "Tessmar" names HOME/install,
-// after `extra` (JSON members, each followed by a comma), and the host there
-// is linked to `host`. Returns the host's path. (For module requests use
-// SignedInstallation and LinkHost.)
-std::string InstallHost(const TempHome& home, const std::string& host,
-                        const std::string& extra = "");
+// An unsigned installation in HOME/install, named by config.json after the
+// JSON members `extra`. Returns the host's path.
+inline std::string InstallHost(const TempHome& home, const std::string& host,
+                               const std::string& extra = "") {
+  home.WriteConfig("config.json", "{" + extra + "\"Tessmar\":\"" +
+                                      home.path() + "/install\"}");
+  return LinkHost(home.path() + "/install", host);
+}
 
 // Pops callback messages until `count` have arrived or the deadline passes.
-std::vector<std::string> PopMessages(std::size_t count,
-                                     milliseconds deadline = milliseconds(5000));
+inline std::vector<std::string> PopMessages(
+    std::size_t count, milliseconds deadline = milliseconds(5000)) {
+  std::vector<std::string> messages;
+  const auto end = Clock::now() + deadline;
+  while (messages.size() < count && Clock::now() < end) {
+    char* text = tsmx_Pop();
+    if (text != nullptr && *text != '\0') messages.emplace_back(text);
+    else std::this_thread::sleep_for(milliseconds(2));
+    tsmx_Free(text);
+  }
+  return messages;
+}
 
-// tsmx_Invoke's result as a value, released; "<null>" for NULL.
-std::string InvokeText(const std::string& request);
+// tsmx_Invoke's result, released; "<null>" for NULL.
+inline std::string InvokeText(const std::string& request) {
+  char* reply = tsmx_Invoke(request.c_str());
+  const std::string text = reply != nullptr ? reply : "<null>";
+  tsmx_Free(reply);
+  return text;
+}
 
 // True when nothing, not even a dangling link, is at `path`.
-bool Absent(const std::string& path);
+inline bool Absent(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) != 0 && errno == ENOENT;
+}
+
+// The scripted host: this test executable, started by the library under the
+// host's name with a script in the environment. It records its argument
+// vector (each argument NUL-terminated) in RECORD/argv and every byte it
+// reads from the request FIFO in RECORD/input; after the last step it closes
+// its pipes and exits 0 (1 when a step failed).
+inline constexpr char kScriptVariable[] = "TESSMAR_TEST_HOST_SCRIPT";
+inline constexpr char kRecordVariable[] = "TESSMAR_TEST_HOST_RECORD";
+
+class HostScript {
+ public:
+  HostScript& Read() { return Step('r', ""); }   // one whole request message
+  HostScript& Drain() { return Step('d', ""); }  // requests until closed
+  // A reply message, its length and body in two writes.
+  HostScript& Reply(const std::string& body) { return Step('m', body); }
+  // Bytes on the reply FIFO in one write.
+  HostScript& Raw(const std::string& bytes) { return Step('w', bytes); }
+  HostScript& Callback(const std::string& body) { return Step('c', body); }
+  HostScript& SleepMs(int ms) { return Step('s', std::to_string(ms)); }
+  // The next host started runs this script and records into `record_dir`.
+  void Use(const std::string& record_dir) const {
+    setenv(kScriptVariable, text_.c_str(), 1);
+    setenv(kRecordVariable, record_dir.c_str(), 1);
+  }
+
+ private:
+  HostScript& Step(char op, const std::string& argument);
+  std::string text_;
+};
 
 }  // namespace tessmar::testing
 

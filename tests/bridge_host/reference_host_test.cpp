@@ -1,26 +1,27 @@
 // The reference host TessmarFirefox, started by the library: it must answer
 // as the in-process path does and carry module callbacks to tsmx_Pop.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "bridge/bridge_state.h"
 #include "bridge/set_callback_message.h"
 #include "bridge_host/host_fixture.h"
 #include "support/signed_installation.h"
-#include "tessmar/bridge.h"
 #include "tessmar/modhost.h"
 
 namespace tessmar::testing {
 namespace {
 
 constexpr char kReferenceHost[] = TESSMAR_TEST_REFERENCE_HOST;
-constexpr char kVersioned[] = "\"Version\":\"1.2.3.4\",";
+
+std::vector<std::string> InvokeAll(const std::vector<std::string>& requests) {
+  std::vector<std::string> replies;
+  for (const std::string& request : requests) {
+    replies.push_back(InvokeText(request));
+  }
+  return replies;
+}
 
 TEST(ReferenceHostTest, AnswersEveryRequestAsTheInProcessPathDoes) {
   TempHome home;
-  InstallHost(home, kReferenceHost, kVersioned);
+  InstallHost(home, kReferenceHost, "\"Version\":\"1.2.3.4\",");
   home.WriteConfig("morrowhost.json",
                    R"({"Name":"morrowhost","Path":"/opt/c","Sig":"s",)"
                    R"("Version":"3.1.0.7"})");
@@ -37,19 +38,12 @@ TEST(ReferenceHostTest, AnswersEveryRequestAsTheInProcessPathDoes) {
       R"({"cmd":"other","id":"9"})",
       "not json",
   };
-
   RunScenario([&] {
-    std::vector<std::string> in_process;
-    for (const std::string& request : requests) {
-      in_process.push_back(InvokeText(request));
-    }
-    // The configuration was found, so the comparison below means something.
+    const std::vector<std::string> in_process = InvokeAll(requests);
+    // The configuration was found, so the comparison means something.
     EXPECT_EQ("\"version: 3.1.0.7\"", in_process[0]);
-
     ASSERT_EQ(0, tsmx_Startup());
-    for (std::size_t i = 0; i < requests.size(); ++i) {
-      EXPECT_EQ(in_process[i], InvokeText(requests[i])) << requests[i];
-    }
+    EXPECT_EQ(in_process, InvokeAll(requests));
     // In-process an unknown query gives "", which the framing cannot carry:
     // the host's empty answer is a zero-length reply.
     EXPECT_EQ("<null>", InvokeText(R"({"init":"unknown"})"));
@@ -57,93 +51,79 @@ TEST(ReferenceHostTest, AnswersEveryRequestAsTheInProcessPathDoes) {
   });
 }
 
-TEST(ReferenceHostTest, ModuleCallbacksFromManyThreadsArriveWholeAndInOrder) {
+TEST(ReferenceHostTest, CarriesModuleRepliesAndCallbacksAsInProcess) {
   TempHome home;
   const SignedInstallation install(home);
   LinkHost(install.install_dir(), kReferenceHost);
   install.AddModule("cbmod", TESSMAR_TEST_CALLBACK_MODULE);
-  const std::string request =
-      R"({"cmd":"native","id":"1","tabid":"t1","callback":"cb","module":"cbmod"})";
-
+  install.AddModule("echo", TESSMAR_TEST_ECHO_MODULE);
+  const std::vector<std::string> echo_requests = {
+      R"({"cmd":"native","id":"5","tabid":"t","callback":"cb",)"
+      R"("module":"echo","origin":"https://page.example"})",
+      R"({"cmd":"setcallback","id":"6","tabid":"t","callback":"onEcho",)"
+      R"("module":"echo","origin":"https://page.example"})",
+  };
   RunScenario([&] {
+    // In-process the example's callbacks skip the callback FIFO.
+    const std::vector<std::string> in_process = InvokeAll(echo_requests);
+    const std::vector<std::string> queued = PopMessages(8, milliseconds(500));
+    ASSERT_FALSE(queued.empty()) << "the example calls back after setcallback";
     ASSERT_EQ(0, tsmx_Startup());
+
+    // cbmod sends 101 callbacks from four threads at once.
     EXPECT_EQ(BuildReplyEnvelope("1", "t1", REPLY_TRUE, "{\"sent\":101}", "cb"),
-              InvokeText(request));
+              InvokeText(R"({"cmd":"native","id":"1","tabid":"t1",)"
+                         R"("callback":"cb","module":"cbmod"})"));
     const std::vector<std::string> messages = PopMessages(101);
     ASSERT_EQ(101u, messages.size());
-    // The host builds the same text as the library's own SendCallback.
-    EXPECT_EQ(tessmar::bridge::SetCallbackMessage("t1", "cb", ""), messages[0]);
-    // Each thread's messages arrive whole and in the order it sent them.
+    // The library's own SendCallback text; each thread's messages in order.
+    EXPECT_EQ(bridge::SetCallbackMessage("t1", "cb", ""), messages[0]);
     int next[4] = {0, 0, 0, 0};
     for (std::size_t i = 1; i < messages.size(); ++i) {
       bool matched = false;
       for (int t = 0; t < 4 && !matched; ++t) {
         const std::string reply = "{\"thread\":" + std::to_string(t) +
                                   ",\"seq\":" + std::to_string(next[t]) + "}";
-        if (messages[i] ==
-            tessmar::bridge::SetCallbackMessage("t1", "cb", reply.c_str())) {
-          ++next[t];
-          matched = true;
-        }
+        matched = messages[i] == bridge::SetCallbackMessage("t1", "cb",
+                                                            reply.c_str());
+        if (matched) ++next[t];
       }
       EXPECT_TRUE(matched) << messages[i];
     }
-    tsmx_End();
-  });
-  EXPECT_TRUE(!Absent(home.path() + "/module-terminated"))
-      << "the host unloads its modules on the stop message";
-}
 
-TEST(ReferenceHostTest, ExampleModuleAnswersAndCallsBackAsInProcess) {
-  TempHome home;
-  const SignedInstallation install(home);
-  LinkHost(install.install_dir(), kReferenceHost);
-  install.AddModule("echo", TESSMAR_TEST_ECHO_MODULE);
-  const std::vector<std::string> requests = {
-      R"({"cmd":"native","id":"5","tabid":"t","callback":"cb",)"
-      R"("module":"echo","origin":"https://page.example"})",
-      R"({"cmd":"setcallback","id":"6","tabid":"t","callback":"onEcho",)"
-      R"("module":"echo","origin":"https://page.example"})",
-  };
-
-  RunScenario([&] {
-    // In-process the module's callbacks reach the queue directly; through
-    // the host they take the callback FIFO. Both must end up the same.
-    std::vector<std::string> in_process;
-    for (const std::string& request : requests) {
-      in_process.push_back(InvokeText(request));
-    }
-    const std::vector<std::string> queued = PopMessages(8, milliseconds(500));
-    ASSERT_FALSE(queued.empty()) << "the example calls back after setcallback";
-    ASSERT_EQ(0, tsmx_Startup());
-    for (std::size_t i = 0; i < requests.size(); ++i) {
-      EXPECT_EQ(in_process[i], InvokeText(requests[i])) << requests[i];
-    }
+    EXPECT_EQ(in_process, InvokeAll(echo_requests));
     EXPECT_EQ(queued, PopMessages(queued.size() + 1, milliseconds(500)));
     tsmx_End();
   });
+  EXPECT_FALSE(Absent(home.path() + "/module-terminated"))
+      << "the host unloads its modules on the stop message";
 }
 
 TEST(ReferenceHostTest, ReportsItsOwnFailuresWithExitCodes) {
   TempHome home;
-  ProgramResult result = RunProgram({kReferenceHost}, "", {"HOME"});
-  EXPECT_EQ(1, result.exit_code);
-  EXPECT_NE(std::string::npos, result.err.find("HOME is not set"));
-
-  result = RunProgram({kReferenceHost});  // no FIFOs under this HOME
-  EXPECT_EQ(2, result.exit_code);
-  EXPECT_NE(std::string::npos, result.err.find("cannot open"));
-
+  struct {
+    std::vector<std::string> argv;
+    bool without_home;
+    int exit_code;
+    std::string ProgramResult::*stream;
+    const char* text;
+  } const cases[] = {
+      {{kReferenceHost}, true, 1, &ProgramResult::err, "HOME is not set"},
+      {{kReferenceHost}, false, 2, &ProgramResult::err, "cannot open"},
+      {{kReferenceHost, "--help"}, false, 0, &ProgramResult::out, "exit status"},
+      {{kReferenceHost, "surplus"}, false, 1, &ProgramResult::err, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.argv.back());
+    const ProgramResult result = RunProgram(c.argv, "", c.without_home);
+    EXPECT_EQ(c.exit_code, result.exit_code);
+    EXPECT_NE(std::string::npos, (result.*c.stream).find(c.text));
+  }
   home.ConfigDir();
   WriteFile(RequestFifo(), "");
-  result = RunProgram({kReferenceHost});
+  const ProgramResult result = RunProgram({kReferenceHost});
   EXPECT_EQ(2, result.exit_code);
   EXPECT_NE(std::string::npos, result.err.find("is not a FIFO"));
-
-  result = RunProgram({kReferenceHost, "--help"});
-  EXPECT_EQ(0, result.exit_code);
-  EXPECT_NE(std::string::npos, result.out.find("exit status"));
-  EXPECT_EQ(1, RunProgram({kReferenceHost, "surplus"}).exit_code);
 }
 
 }  // namespace

@@ -1,48 +1,28 @@
 // tsmx_Startup and tsmx_End in real processes: the directory and FIFOs on
 // disk, the host's argument vector, failed starts, and the stop sequence.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
 
 #include "bridge_host/host_fixture.h"
-#include "bridge_host/scripted_host.h"
-#include "tessmar/bridge.h"
 #include "tessmar/config.h"
 
 namespace tessmar::testing {
 namespace {
 
-void UseScript(const TempHome& home, const HostScript& script) {
-  setenv(kScriptVariable, script.text().c_str(), 1);
-  setenv(kRecordVariable, home.path().c_str(), 1);
-}
-
-// The file type and permission bits at `path`, without following links.
-struct Node {
-  bool exists = false;
-  mode_t type = 0;
-  mode_t mode = 0;
-};
-Node NodeAt(const std::string& path) {
+// "p600", "d755"... for what is at `path` (links not followed), or "absent".
+std::string Node(const std::string& path) {
   struct stat info;
-  Node node;
-  if (lstat(path.c_str(), &info) == 0) {
-    node.exists = true;
-    node.type = info.st_mode & S_IFMT;
-    node.mode = info.st_mode & 07777;
-  }
-  return node;
+  if (lstat(path.c_str(), &info) != 0) return "absent";
+  char text[8];
+  std::snprintf(text, sizeof text, "%c%o",
+                S_ISFIFO(info.st_mode) ? 'p' : S_ISDIR(info.st_mode) ? 'd' : '-',
+                static_cast<unsigned>(info.st_mode & 07777));
+  return text;
 }
 
-void ExpectFifo0600(const std::string& path) {
-  const Node node = NodeAt(path);
-  EXPECT_TRUE(node.exists && node.type == S_IFIFO) << path;
-  EXPECT_EQ(0600u, node.mode) << path;
+void ExpectFifos(const std::string& node) {
+  for (const std::string& fifo : {ReplyFifo(), RequestFifo(), CallbackFifo()}) {
+    EXPECT_EQ(node, Node(fifo)) << fifo;
+  }
 }
 
 TEST(BridgeStartupTest, CreatesEveryMissingDirectoryLevelAndTheFifos) {
@@ -52,6 +32,8 @@ TEST(BridgeStartupTest, CreatesEveryMissingDirectoryLevelAndTheFifos) {
   }
   const std::string child_result = home.path() + "/exec-child-result";
   RunScenario([&] {
+    tsmx_End();  // before any start: does nothing
+    EXPECT_TRUE(Absent(home.path() + "/.config"));
     umask(0);  // the modes on disk are then exactly those asked for
     const pid_t self = getpid();
     const int started = tsmx_Startup();
@@ -60,12 +42,10 @@ TEST(BridgeStartupTest, CreatesEveryMissingDirectoryLevelAndTheFifos) {
       // fails and the child returns into its caller. It releases the parent,
       // blocked in its opens, by opening the other ends in the host's order.
       WriteFile(child_result, std::to_string(started));
-      const std::pair<std::string, int> ends[] = {
-          {RequestFifo(), O_RDONLY}, {ReplyFifo(), O_WRONLY},
-          {CallbackFifo(), O_WRONLY}};
-      for (const auto& [path, flags] : ends) {
-        const int fd = open(path.c_str(), flags);
-        if (fd >= 0) close(fd);
+      for (const auto& [path, flags] :
+           {std::pair{RequestFifo(), O_RDONLY}, std::pair{ReplyFifo(), O_WRONLY},
+            std::pair{CallbackFifo(), O_WRONLY}}) {
+        close(open(path.c_str(), flags));
       }
       _exit(0);
     }
@@ -73,13 +53,9 @@ TEST(BridgeStartupTest, CreatesEveryMissingDirectoryLevelAndTheFifos) {
     std::string level = home.path();
     for (const char* name : {"/.config", "/Pelmora", "/Tessmar", "/morrowhost"}) {
       level += name;
-      const Node node = NodeAt(level);
-      EXPECT_TRUE(node.exists && node.type == S_IFDIR) << level;
-      EXPECT_EQ(0755u, node.mode) << level;
+      EXPECT_EQ("d755", Node(level)) << level;
     }
-    for (const std::string& fifo : {ReplyFifo(), RequestFifo(), CallbackFifo()}) {
-      ExpectFifo0600(fifo);
-    }
+    ExpectFifos("p600");
     tsmx_End();
     EXPECT_EQ("1", ReadFile(child_result)) << "the failed child's result";
   });
@@ -95,15 +71,11 @@ TEST(BridgeStartupTest, ReplacesLeftoversAndStartsTheHostWithItsPathAlone) {
 
   RunScenario([&] {
     umask(0);
-    UseScript(home, HostScript().Drain());
+    HostScript().Drain().Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
-    for (const std::string& fifo : {ReplyFifo(), RequestFifo(), CallbackFifo()}) {
-      ExpectFifo0600(fifo);
-    }
+    ExpectFifos("p600");
     tsmx_End();
-    for (const std::string& fifo : {ReplyFifo(), RequestFifo(), CallbackFifo()}) {
-      EXPECT_TRUE(Absent(fifo)) << fifo;
-    }
+    ExpectFifos("absent");
     tsmx_End();  // repeated: must neither hang nor crash
   });
   EXPECT_EQ(host + '\0', ReadFile(home.path() + "/argv"));
@@ -117,33 +89,19 @@ TEST(BridgeStartupTest, DirectoryAtAFifoPathFailsTheStartWithoutAHost) {
   ASSERT_EQ(0, mkdir(RequestFifo().c_str(), 0755));
 
   RunScenario([&] {
-    UseScript(home, HostScript().Drain());
+    umask(0);
+    HostScript().Drain().Use(home.path());
     EXPECT_EQ(1, tsmx_Startup());
-    EXPECT_EQ(S_IFIFO, NodeAt(ReplyFifo()).type) << "made before the failure";
-    EXPECT_TRUE(Absent(CallbackFifo()));
+    EXPECT_EQ("p600", Node(ReplyFifo())) << "made before the failure";
+    EXPECT_EQ("absent", Node(CallbackFifo()));
     errno = 0;
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "no host was started";
     EXPECT_EQ(ECHILD, errno);
 
     tsmx_End();  // not started: leaves everything alone
-    EXPECT_EQ(S_IFIFO, NodeAt(ReplyFifo()).type);
+    EXPECT_EQ("p600", Node(ReplyFifo()));
     // Still in-process: an unknown query is answered "" locally.
-    char* reply = tsmx_Invoke("{\"init\":\"unknown\"}");
-    ASSERT_NE(nullptr, reply);
-    EXPECT_STREQ("", reply);
-    tsmx_Free(reply);
-  });
-}
-
-TEST(BridgeStartupTest, EndWithoutStartupDoesNothing) {
-  TempHome home;
-  RunScenario([&] {
-    tsmx_End();
-    EXPECT_TRUE(Absent(home.path() + "/.config"));
-    char* reply = tsmx_Invoke("{\"init\":\"unknown\"}");
-    ASSERT_NE(nullptr, reply);
-    EXPECT_STREQ("", reply);
-    tsmx_Free(reply);
+    EXPECT_EQ("", InvokeText("{\"init\":\"unknown\"}"));
   });
 }
 
