@@ -1,7 +1,5 @@
-// The two rules that differ between this build and its sibling builds
-// ("dunwell"/"copperlanternx" and "pelmora"/"tidewinderx"): client versions
-// need the module's library file, and client signature checks always pass.
-// This file is built once per identity; CMake tells it which one to expect.
+// Rules that differ in sibling builds (client versions need the library file,
+// client signature checks always pass); built once per identity.
 #include <gtest/gtest.h>
 
 #include <string>

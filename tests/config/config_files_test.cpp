@@ -1,7 +1,5 @@
-// Locating and reading config.json and the module files: the user directory
-// under HOME before the system directory, existence-only lookup, and the one
-// key lookup rule (root object, first exact name, strings only). Tests never
-// write to the system directory; test machines carry no system installation.
+// Locating and reading config.json and module files (HOME before the system
+// directory) and the key lookup rule: root object, first exact name, strings.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,8 +52,7 @@ TEST(ConfigLocation, ExistenceAloneCountsSoADirectoryHidesTheSystemFile) {
   EXPECT_EQ(_GetConfigPath(), dir);
   EXPECT_EQ(GetTessmarInstallPath(), "");
   EXPECT_EQ(GetCurrentVersion(nullptr), "");
-  // An unreadable file is found the same way and reads as "" (root reads
-  // anything, so that half only means something for other users).
+  // An unreadable file is found but reads as "" (except for root).
   const std::string module = home.WriteConfig("reader.json", R"({"Name":"reader","Path":"/x"})");
   ASSERT_EQ(chmod(module.c_str(), 0), 0);
   EXPECT_EQ(_GetModuleConfigPath("reader"), module);
@@ -90,8 +87,7 @@ TEST(ConfigLookup, TessmarKeyFollowsTheLookupRuleAndIsReadAfreshEachCall) {
 
 TEST(ConfigRead, FilesLongerThanOneBufferAreReadWhole) {
   TempHome home;
-  // Sizes around the 4096-byte read chunks, so the key straddles a boundary
-  // or the last chunk holds only a byte or two.
+  // Sizes around the 4096-byte read chunks.
   for (std::size_t padding : {4070u, 4079u, 4085u, 4096u, 8170u, 20000u}) {
     SCOPED_TRACE(padding);
     home.WriteConfig("config.json", "{\"Padding\":\"" + std::string(padding, 'p') +
