@@ -1,7 +1,6 @@
-// The streaming block-cipher context: published vectors, OpenSSL as a
-// differential oracle where the textbook modes apply, each deliberate
-// departure from them, and the status codes. Every buffer handed to the
-// library is an exact-size heap vector so AddressSanitizer sees stray access.
+// The streaming block-cipher context: published vectors, OpenSSL as an oracle
+// where the textbook modes apply, each deliberate departure from them, and the
+// status codes. Buffers handed over are exact-size heap vectors, for ASan.
 #include "tessmar/block_cipher.h"
 
 #include <gtest/gtest.h>
@@ -21,22 +20,12 @@ using Chunks = std::vector<uint32_t>;
 
 Bytes FromHex(const std::string& hex) {
   Bytes out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out.push_back(
-        static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  }
+  for (size_t i = 0; i + 1 < hex.size(); i += 2)
+    out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
   return out;
 }
-
-Bytes Cat(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-Bytes Sub(const Bytes& b, size_t from, size_t n) {
-  return Bytes(b.begin() + from, b.begin() + from + n);
-}
-
+Bytes Cat(Bytes a, const Bytes& b) { return a.insert(a.end(), b.begin(), b.end()), a; }
+Bytes Sub(const Bytes& b, size_t from, size_t n) { return Bytes(b.begin() + from, b.begin() + from + n); }
 Bytes Xor(Bytes a, const Bytes& b) {
   for (size_t i = 0; i < a.size(); ++i) a[i] ^= b[i];
   return a;
@@ -61,8 +50,7 @@ struct Setup {
   int direction;
 };
 
-Setup Aes128(uint8_t mode, int direction, uint8_t no_padding = 1,
-             Bytes iv = kIv) {
+Setup Aes128(uint8_t mode, int direction, uint8_t no_padding = 1, Bytes iv = kIv) {
   return {BC_ALG_AES128, mode, no_padding, kKey128, iv, direction};
 }
 
@@ -73,10 +61,8 @@ using CtxPtr = std::unique_ptr<BLOCK_CIPHER_CTX, CtxDeleter>;
 
 CtxPtr Keyed(const Setup& s) {
   CtxPtr ctx(new_BLOCK_CIPHER_CTX());
-  EXPECT_EQ(BC_OK,
-            init_BlockCipher(ctx.get(), s.algorithm, s.mode, s.no_padding,
-                             s.key.data(), s.iv.empty() ? nullptr : s.iv.data(),
-                             s.direction));
+  EXPECT_EQ(BC_OK, init_BlockCipher(ctx.get(), s.algorithm, s.mode, s.no_padding, s.key.data(),
+                                    s.iv.empty() ? nullptr : s.iv.data(), s.direction));
   return ctx;
 }
 
@@ -86,16 +72,12 @@ int Step(BLOCK_CIPHER_CTX* ctx, const Bytes* in, Bytes* out) {
   Bytes input = in ? *in : Bytes(), output(input.size() + 16);
   uint32_t n = 0;
   const int status =
-      in ? update_BlockCipher(ctx, input.data(),
-                              static_cast<uint32_t>(input.size()),
-                              output.data(), &n)
+      in ? update_BlockCipher(ctx, input.data(), static_cast<uint32_t>(input.size()), output.data(), &n)
          : final_BlockCipher(ctx, output.data(), &n);
   out->insert(out->end(), output.begin(), output.begin() + n);
   return status;
 }
-int Update(BLOCK_CIPHER_CTX* ctx, const Bytes& in, Bytes* out) {
-  return Step(ctx, &in, out);
-}
+int Update(BLOCK_CIPHER_CTX* ctx, const Bytes& in, Bytes* out) { return Step(ctx, &in, out); }
 int Final(BLOCK_CIPHER_CTX* ctx, Bytes* out) { return Step(ctx, nullptr, out); }
 
 struct Result {
@@ -118,11 +100,10 @@ Result Transform(const Setup& s, const Bytes& in, const Chunks& chunks) {
 }
 
 // The textbook mode, from OpenSSL.
-Bytes Oracle(uint32_t algorithm, uint8_t mode, const Bytes& key,
-             const Bytes& iv, bool encrypt, bool padded, const Bytes& in) {
+Bytes Oracle(uint32_t algorithm, uint8_t mode, const Bytes& key, const Bytes& iv, bool encrypt,
+             bool padded, const Bytes& in) {
   using Getter = const EVP_CIPHER* (*)();
-  static const Getter kCiphers[][3] = {
-      // by mode / 0x10 - 1
+  static const Getter kCiphers[][3] = {  // by mode / 0x10 - 1
       {EVP_aes_128_ecb, EVP_aes_192_ecb, EVP_aes_256_ecb},
       {EVP_aes_128_cbc, EVP_aes_192_cbc, EVP_aes_256_cbc},
       {EVP_aes_128_ofb, EVP_aes_192_ofb, EVP_aes_256_ofb},
@@ -136,9 +117,7 @@ Bytes Oracle(uint32_t algorithm, uint8_t mode, const Bytes& key,
   EVP_CIPHER_CTX_set_padding(c, padded ? 1 : 0);
   Bytes out(in.size() + 32);
   int n = 0, m = 0;
-  if (!in.empty()) {
-    EVP_CipherUpdate(c, out.data(), &n, in.data(), static_cast<int>(in.size()));
-  }
+  if (!in.empty()) EVP_CipherUpdate(c, out.data(), &n, in.data(), static_cast<int>(in.size()));
   EVP_CipherFinal_ex(c, out.data() + n, &m);
   EVP_CIPHER_CTX_free(c);
   out.resize(static_cast<size_t>(n + m));
@@ -244,8 +223,7 @@ TEST(BlockCipher, MatchesOpenSslWhereTheTextbookModeApplies) {
     for (auto& x : b) x = static_cast<unsigned char>(rng());
     return b;
   };
-  const uint8_t modes[] = {BC_MODE_ECB, BC_MODE_CBC, BC_MODE_OFB, BC_MODE_CFB,
-                           BC_MODE_CTR};
+  const uint8_t modes[] = {BC_MODE_ECB, BC_MODE_CBC, BC_MODE_OFB, BC_MODE_CFB, BC_MODE_CTR};
   for (int i = 0; i < 3000 && !HasFailure(); ++i) {
     const uint32_t algorithm = BC_ALG_AES128 + rng() % 3;
     const uint8_t mode = modes[rng() % 5];
@@ -261,18 +239,12 @@ TEST(BlockCipher, MatchesOpenSslWhereTheTextbookModeApplies) {
     const Bytes& in = encrypt ? plain : cipher;
     const auto size = static_cast<uint32_t>(in.size());
     // Padded decryption is meant to be fed in one update.
-    const Chunks chunks = !encrypt && padded
-                              ? Chunks{size}
-                              : TextbookChunks(rng, size, block_mode);
-    SCOPED_TRACE("case " + std::to_string(i) + " mode " + std::to_string(mode) +
-                 " length " + std::to_string(length) +
-                 (encrypt ? " encrypt" : " decrypt") +
-                 (padded ? " padded" : "") + " in " +
-                 std::to_string(chunks.size()) + " updates");
-    const Result r =
-        Transform({algorithm, mode, static_cast<uint8_t>(padded ? 0 : 1), key,
-                   iv, encrypt ? 1 : 0},
-                  in, chunks);
+    const Chunks chunks = !encrypt && padded ? Chunks{size} : TextbookChunks(rng, size, block_mode);
+    SCOPED_TRACE(testing::Message() << "case " << i << " mode " << int{mode} << " length "
+                                    << length << (encrypt ? " encrypt" : " decrypt")
+                                    << (padded ? " padded" : "") << " in " << chunks.size());
+    const Result r = Transform(
+        {algorithm, mode, static_cast<uint8_t>(padded ? 0 : 1), key, iv, encrypt ? 1 : 0}, in, chunks);
     EXPECT_EQ(BC_OK, r.status);
     EXPECT_EQ(encrypt ? cipher : plain, r.data);
   }
@@ -283,8 +255,7 @@ TEST(BlockCipher, EveryStreamUpdateStartsAFreshKeystreamBlock) {
   // blocks: the textbook result over the padded chunks, cut back to size.
   for (uint8_t mode : {BC_MODE_OFB, BC_MODE_CFB, BC_MODE_CTR}) {
     for (const Chunks& chunks : {Chunks{10, 6}, Chunks{5, 37, 3}}) {
-      SCOPED_TRACE("mode " + std::to_string(mode) + " first chunk " +
-                   std::to_string(chunks[0]));
+      SCOPED_TRACE(testing::Message() << "mode " << int{mode} << " first chunk " << chunks[0]);
       Bytes padded;
       std::vector<size_t> starts;
       size_t at = 0;
@@ -294,18 +265,15 @@ TEST(BlockCipher, EveryStreamUpdateStartsAFreshKeystreamBlock) {
         padded.resize((padded.size() + 15) / 16 * 16);
         at += c;
       }
-      const Bytes textbook =
-          Oracle(BC_ALG_AES128, mode, kKey128, kIv, true, false, padded);
+      const Bytes textbook = Oracle(BC_ALG_AES128, mode, kKey128, kIv, true, false, padded);
       Bytes expected;
-      for (size_t k = 0; k < chunks.size(); ++k) {
+      for (size_t k = 0; k < chunks.size(); ++k)
         expected = Cat(expected, Sub(textbook, starts[k], chunks[k]));
-      }
       const Bytes plain = Sub(kPlain, 0, at);
       const Result enc = Transform(Aes128(mode, 1), plain, chunks);
       EXPECT_EQ(BC_OK, enc.status);
       EXPECT_EQ(expected, enc.data);
-      EXPECT_NE(Oracle(BC_ALG_AES128, mode, kKey128, kIv, true, false, plain),
-                enc.data);
+      EXPECT_NE(Oracle(BC_ALG_AES128, mode, kKey128, kIv, true, false, plain), enc.data);
       if (mode != BC_MODE_CFB) {  // the keystream does not depend on the data
         EXPECT_EQ(plain, Transform(Aes128(mode, 0), enc.data, chunks).data);
       }
@@ -320,8 +288,7 @@ TEST(BlockCipher, ExactlyConsumedRestKeepsTheStalePendingCount) {
   ASSERT_EQ(BC_OK, Update(ctx.get(), Sub(p, 0, 10), &out));
   ASSERT_EQ(BC_OK, Update(ctx.get(), Sub(p, 10, 22), &out));
   EXPECT_EQ(10u, ctx->pending_count);
-  EXPECT_EQ(Oracle(BC_ALG_AES128, BC_MODE_CBC, kKey128, kIv, true, false, p),
-            out);
+  EXPECT_EQ(Oracle(BC_ALG_AES128, BC_MODE_CBC, kKey128, kIv, true, false, p), out);
 
   // Final pads from position 10 of the block that was already sent.
   Bytes last;
@@ -337,23 +304,20 @@ TEST(BlockCipher, ExactlyConsumedRestKeepsTheStalePendingCount) {
 
 TEST(BlockCipher, PaddedDecryptionHoldsBackOnlyTheLastUpdatesBlock) {
   const Bytes plain = Sub(kPlain, 0, 40);
-  const Bytes cipher =
-      Oracle(BC_ALG_AES128, BC_MODE_CBC, kKey128, kIv, true, true, plain);
+  const Bytes cipher = Oracle(BC_ALG_AES128, BC_MODE_CBC, kKey128, kIv, true, true, plain);
   const Result r = Transform(Aes128(BC_MODE_CBC, 0, 0), cipher, {32, 16});
   EXPECT_EQ(BC_OK, r.status);
   EXPECT_EQ(Cat(Sub(plain, 0, 16), Sub(plain, 32, 8)), r.data);  // 2nd lost
 
-  // An update that only buffers emits and holds back nothing. Its output
-  // is exact-size (and its length not preset), so holding back would
-  // reach outside it.
+  // An update that only buffers emits and holds back nothing; its output is
+  // exact-size, so holding back would reach outside it.
   CtxPtr ctx = Keyed(Aes128(BC_MODE_CBC, 0, 0));
   Bytes out;
   ASSERT_EQ(BC_OK, Update(ctx.get(), Sub(cipher, 0, 32), &out));
   ASSERT_EQ(BC_OK, Update(ctx.get(), Sub(cipher, 32, 5), &out));
   Bytes in(5), room(21);
   uint32_t n = 0xdeadbeef;
-  ASSERT_EQ(BC_OK,
-            update_BlockCipher(ctx.get(), in.data(), 5, room.data(), &n));
+  ASSERT_EQ(BC_OK, update_BlockCipher(ctx.get(), in.data(), 5, room.data(), &n));
   EXPECT_EQ(0u, n);
   EXPECT_EQ(Sub(plain, 0, 16), out);
   EXPECT_EQ(Sub(plain, 16, 16), Bytes(ctx->held_back, ctx->held_back + 16));
@@ -378,8 +342,7 @@ TEST(BlockCipher, CounterIncrementsAsOneBigEndian128BitNumber) {
 
 TEST(BlockCipher, DirectionalCfbEncryptsLikeCfbButDecryptsWithInverseCipher) {
   const Bytes cfb = FromHex(kVectors[4].cipher);
-  EXPECT_EQ(cfb,
-            Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 1), kPlain, {64}).data);
+  EXPECT_EQ(cfb, Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 1), kPlain, {64}).data);
   // Block i decrypts to C[i] XOR D(C[i-1]), with C[-1] the IV.
   const Result r = Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 0), cfb, {64});
   EXPECT_EQ(BC_OK, r.status);
@@ -388,10 +351,8 @@ TEST(BlockCipher, DirectionalCfbEncryptsLikeCfbButDecryptsWithInverseCipher) {
 
 TEST(BlockCipher, InitStatusCodesAndKeyedState) {
   EXPECT_EQ(BC_ERR_INIT_NULL_CTX,
-            init_BlockCipher(nullptr, BC_ALG_AES128, BC_MODE_ECB, 0,
-                             kKey128.data(), nullptr, 1));
-  EXPECT_EQ(BC_ERR_AES_NULL_CTX,
-            init_AES(nullptr, kKey128.data(), kIv.data(), 1));
+            init_BlockCipher(nullptr, BC_ALG_AES128, BC_MODE_ECB, 0, kKey128.data(), nullptr, 1));
+  EXPECT_EQ(BC_ERR_AES_NULL_CTX, init_AES(nullptr, kKey128.data(), kIv.data(), 1));
   free_BLOCK_CIPHER_CTX(nullptr);
 
   CtxPtr ctx = Keyed({BC_ALG_AES256, BC_MODE_OFB, 0, kKey256, kIv, 0});
@@ -403,13 +364,11 @@ TEST(BlockCipher, InitStatusCodesAndKeyedState) {
   // A rejected init still releases the earlier key material (LeakSanitizer
   // would notice) and leaves an unkeyed context.
   EXPECT_EQ(BC_ERR_INIT_UNKNOWN,
-            init_BlockCipher(ctx.get(), 0x30004, BC_MODE_CBC, 0, kKey128.data(),
-                             kIv.data(), 1));
+            init_BlockCipher(ctx.get(), 0x30004, BC_MODE_CBC, 0, kKey128.data(), kIv.data(), 1));
   EXPECT_EQ(0u, ctx->algorithm);
   EXPECT_EQ(nullptr, ctx->reg);
   EXPECT_EQ(BC_ERR_INIT_UNKNOWN,
-            init_BlockCipher(ctx.get(), BC_ALG_AES128, 0x60, 0, kKey128.data(),
-                             kIv.data(), 1));
+            init_BlockCipher(ctx.get(), BC_ALG_AES128, 0x60, 0, kKey128.data(), kIv.data(), 1));
   EXPECT_EQ(0x60, ctx->mode);
   EXPECT_EQ(nullptr, ctx->key_schedule);
 
@@ -424,37 +383,27 @@ TEST(BlockCipher, UpdateStatusCodes) {
   Bytes in(16), out(32);
   unsigned char* o = out.data();
   uint32_t n = 0;
-  EXPECT_EQ(BC_ERR_UPDATE_ARGS,
-            update_BlockCipher(nullptr, in.data(), 16, o, &n));
-  EXPECT_EQ(BC_ERR_UPDATE_ARGS,
-            update_BlockCipher(ctx.get(), nullptr, 16, o, &n));
-  EXPECT_EQ(BC_ERR_UPDATE_ARGS,
-            update_BlockCipher(ctx.get(), in.data(), 16, nullptr, &n));
-  EXPECT_EQ(BC_ERR_UPDATE_ARGS,
-            update_BlockCipher(ctx.get(), in.data(), 16, o, nullptr));
-  EXPECT_EQ(BC_ERR_UPDATE_ARGS,
-            update_BlockCipher(ctx.get(), in.data(), 0, o, &n));
+  EXPECT_EQ(BC_ERR_UPDATE_ARGS, update_BlockCipher(nullptr, in.data(), 16, o, &n));
+  EXPECT_EQ(BC_ERR_UPDATE_ARGS, update_BlockCipher(ctx.get(), nullptr, 16, o, &n));
+  EXPECT_EQ(BC_ERR_UPDATE_ARGS, update_BlockCipher(ctx.get(), in.data(), 16, nullptr, &n));
+  EXPECT_EQ(BC_ERR_UPDATE_ARGS, update_BlockCipher(ctx.get(), in.data(), 16, o, nullptr));
+  EXPECT_EQ(BC_ERR_UPDATE_ARGS, update_BlockCipher(ctx.get(), in.data(), 0, o, &n));
 
   // Unkeyed contexts and missing registers fail in the mode routine; a null
   // IV in a stream mode is refused rather than dereferenced.
   CtxPtr fresh(new_BLOCK_CIPHER_CTX());  // direction 0: padded decryption
-  EXPECT_EQ(BC_ERR_UPDATE_PADDED,
-            update_BlockCipher(fresh.get(), in.data(), 16, o, &n));
+  EXPECT_EQ(BC_ERR_UPDATE_PADDED, update_BlockCipher(fresh.get(), in.data(), 16, o, &n));
   fresh->direction = 1;
   n = 7;
-  EXPECT_EQ(BC_ERR_UPDATE_MODE,
-            update_BlockCipher(fresh.get(), in.data(), 16, o, &n));
+  EXPECT_EQ(BC_ERR_UPDATE_MODE, update_BlockCipher(fresh.get(), in.data(), 16, o, &n));
   EXPECT_EQ(0u, n);
-  for (uint8_t mode : {BC_MODE_CBC, BC_MODE_OFB, BC_MODE_CFB,
-                       BC_MODE_CFB_DIRECTIONAL, BC_MODE_CTR}) {
+  for (uint8_t mode : {BC_MODE_CBC, BC_MODE_OFB, BC_MODE_CFB, BC_MODE_CFB_DIRECTIONAL, BC_MODE_CTR}) {
     SCOPED_TRACE(static_cast<int>(mode));
-    EXPECT_EQ(BC_ERR_UPDATE_MODE,
-              Transform(Aes128(mode, 1, 1, {}), in, {16}).status);
+    EXPECT_EQ(BC_ERR_UPDATE_MODE, Transform(Aes128(mode, 1, 1, {}), in, {16}).status);
     EXPECT_EQ(mode == BC_MODE_CBC ? BC_ERR_UPDATE_PADDED : BC_ERR_UPDATE_MODE,
               Transform(Aes128(mode, 0, 0, {}), in, {16}).status);
     if (mode != BC_MODE_CBC) {
-      EXPECT_EQ(BC_ERR_FINAL_MODE,
-                Transform(Aes128(mode, 1, 1, {}), {}, {}).status);
+      EXPECT_EQ(BC_ERR_FINAL_MODE, Transform(Aes128(mode, 1, 1, {}), {}, {}).status);
     }
   }
 }
@@ -465,48 +414,36 @@ TEST(BlockCipher, FinalStatusCodes) {
   uint32_t n = 0;
   EXPECT_EQ(BC_ERR_FINAL_ARGS, final_BlockCipher(nullptr, out.data(), &n));
   EXPECT_EQ(BC_ERR_FINAL_ARGS, final_BlockCipher(ctx.get(), nullptr, &n));
-  EXPECT_EQ(BC_ERR_FINAL_ARGS,
-            final_BlockCipher(ctx.get(), out.data(), nullptr));
+  EXPECT_EQ(BC_ERR_FINAL_ARGS, final_BlockCipher(ctx.get(), out.data(), nullptr));
   ctx->block_size = 33;
-  EXPECT_EQ(BC_ERR_FINAL_BLOCK_SIZE,
-            final_BlockCipher(ctx.get(), out.data(), &n));
+  EXPECT_EQ(BC_ERR_FINAL_BLOCK_SIZE, final_BlockCipher(ctx.get(), out.data(), &n));
   ctx->block_size = 1;
   n = 7;
   EXPECT_EQ(BC_OK, final_BlockCipher(ctx.get(), out.data(), &n));
   EXPECT_EQ(0u, n);
 
   const Bytes partial(20, 1);
-  EXPECT_EQ(BC_ERR_FINAL_UNPADDED_PARTIAL,
-            Transform(Aes128(BC_MODE_ECB, 1, 1, {}), partial, {20}).status);
-  EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL,
-            Transform(Aes128(BC_MODE_CBC, 0, 1), partial, {20}).status);
-  EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL,
-            Transform(Aes128(BC_MODE_CBC, 0, 0), partial, {20}).status);
-  EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL,  // nothing held back
-            Transform(Aes128(BC_MODE_CBC, 0, 0), {}, {}).status);
+  EXPECT_EQ(BC_ERR_FINAL_UNPADDED_PARTIAL, Transform(Aes128(BC_MODE_ECB, 1, 1, {}), partial, {20}).status);
+  EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Transform(Aes128(BC_MODE_CBC, 0, 1), partial, {20}).status);
+  EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Transform(Aes128(BC_MODE_CBC, 0, 0), partial, {20}).status);
+  // Nothing held back.
+  EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Transform(Aes128(BC_MODE_CBC, 0, 0), {}, {}).status);
 }
 
 TEST(BlockCipher, PaddedDecryptionRejectsBadPadding) {
-  struct Case {
+  const struct {
     const char* tail;
     int status;
     size_t kept;
-  };
-  const Case cases[] = {
-      {"00", BC_ERR_FINAL_BAD_PADDING, 0},
-      {"11", BC_ERR_FINAL_BAD_PADDING, 0},
-      {"0303", BC_ERR_FINAL_BAD_PADDING, 0},
-      {"020303", BC_ERR_FINAL_BAD_PADDING, 0},
-      {"01", BC_OK, 31},
-      {"030303", BC_OK, 29},
-      {"10101010101010101010101010101010", BC_OK, 16},
-  };
-  for (const Case& c : cases) {
+  } cases[] = {{"00", BC_ERR_FINAL_BAD_PADDING, 0},     {"11", BC_ERR_FINAL_BAD_PADDING, 0},
+               {"0303", BC_ERR_FINAL_BAD_PADDING, 0},   {"020303", BC_ERR_FINAL_BAD_PADDING, 0},
+               {"01", BC_OK, 31},                       {"030303", BC_OK, 29},
+               {"10101010101010101010101010101010", BC_OK, 16}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.tail);
     const Bytes tail = FromHex(c.tail);
     const Bytes plain = Cat(Bytes(32 - tail.size(), 0x42), tail);
-    const Bytes cipher =
-        Oracle(BC_ALG_AES128, BC_MODE_CBC, kKey128, kIv, true, false, plain);
+    const Bytes cipher = Oracle(BC_ALG_AES128, BC_MODE_CBC, kKey128, kIv, true, false, plain);
     const Result r = Transform(Aes128(BC_MODE_CBC, 0, 0), cipher, {32});
     EXPECT_EQ(c.status, r.status);
     if (c.status == BC_OK) {
