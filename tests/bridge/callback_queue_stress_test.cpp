@@ -1,17 +1,16 @@
-// The callback queue under concurrent producers (module threads calling
-// SendCallback, the reader thread's pushes) while the extension's thread
-// pops: nothing may be lost or duplicated, and each producer's messages must
-// come out in the order it sent them.
+// The callback queue under concurrent producers while one thread pops:
+// nothing lost or duplicated, each producer's order kept.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bridge/bridge_state.h"
+#include "bridge/set_callback_message.h"
 #include "support/bridge_calls.h"
 #include "support/isolated_process.h"
 #include "support/signed_installation.h"
@@ -28,13 +27,12 @@ std::string Reply(int producer, int seq) {
 }
 
 std::string Message(int producer, int seq) {
-  return "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"chat\", "
-         "\"callback\":\"onChat\", \"reply\":" +
-         Reply(producer, seq) + "}}";
+  return tessmar::bridge::SetCallbackMessage("chat", "onChat",
+                                             Reply(producer, seq).c_str());
 }
 
-// Pops until every producer has delivered `per_producer` messages (or 60 s
-// passed), checking each against the one its producer must send next.
+// Pops until all messages arrived (or 60 s), each checked against the next
+// one its producer must send.
 void ConsumeInOrder(int producers, int per_producer) {
   std::vector<int> next(static_cast<std::size_t>(producers), 0);
   int received = 0;
@@ -47,14 +45,9 @@ void ConsumeInOrder(int producers, int per_producer) {
       std::this_thread::yield();
       continue;
     }
-    int producer = -1;
-    ASSERT_EQ(std::sscanf(text.c_str(),
-                          "{\"response\":{\"id\":\"setcallback\", \"tabid\":"
-                          "\"chat\", \"callback\":\"onChat\", \"reply\":"
-                          "{\"producer\":%d,",
-                          &producer),
-              1)
-        << text;
+    const std::size_t at = text.find("{\"producer\":");
+    ASSERT_NE(at, std::string::npos) << text;
+    const int producer = std::atoi(text.c_str() + at + 12);
     ASSERT_TRUE(producer >= 0 && producer < producers) << text;
     ASSERT_EQ(text,
               Message(producer, next[static_cast<std::size_t>(producer)]++));
@@ -94,7 +87,6 @@ TEST(CallbackQueueStress, ModuleThreadsSendingThroughTheBridge) {
       [&home] {
         SignedInstallation install(home);
         install.AddModule("chatty", FIXTURE_CHATTY_PATH);
-        // The module starts its threads before it answers.
         EXPECT_EQ(InvokeText("{\"cmd\":\"setcallback\",\"id\":\"1\","
                              "\"tabid\":\"chat\",\"callback\":\"onChat\","
                              "\"module\":\"chatty\",\"threads\":6,"

@@ -1,6 +1,5 @@
-// The callback queue: "setcallback" messages of in-process modules, tsmx_Pop,
-// tsmx_Free and the bridge's host table. The queue lives for the whole
-// process, so each test starts by draining it.
+// The callback queue, tsmx_Pop/tsmx_Free and the bridge's host table. The
+// queue lives for the whole process: each test drains it first.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -23,8 +22,7 @@ class CallbackQueue : public ::testing::Test {
   void SetUp() override { tessmar::testing::DrainQueue(); }
 };
 
-// The message text, byte for byte; pieces are copied without escaping, a
-// missing or empty reply is {}, a missing tab or callback queues nothing.
+// Pieces unescaped; no reply is {}; no tab or callback queues nothing.
 TEST_F(CallbackQueue, SetCallbackMessagesAreBuiltByteForByte) {
   const int marker = 0;
   const struct {
@@ -47,7 +45,6 @@ TEST_F(CallbackQueue, SetCallbackMessagesAreBuiltByteForByte) {
        "\"callback\":\"c\\d\", \"reply\":\"raw\"}}"},
       {nullptr, "c", "{}", ""},
       {"t", nullptr, "{}", ""},
-      {nullptr, nullptr, nullptr, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
@@ -83,7 +80,6 @@ TEST_F(CallbackQueue, HostTableQueuesAndTheResponseCallbackIsNeverCalled) {
   EXPECT_EQ(g_bridgeHostFuncs.Alloc, &std::malloc);
   EXPECT_EQ(g_bridgeHostFuncs.Free, &std::free);
   EXPECT_EQ(g_bridgeHostFuncs.SendCallback, &PushSetCallbackReply);
-  // Calling it would end the test program.
   tsmx_SetResponseCallback(reinterpret_cast<void*>(&std::abort));
   PushSetCallbackReply("t", nullptr, "c", "{}");
   EXPECT_NE(PopText(), "");

@@ -1,18 +1,16 @@
-// tsmx_Invoke's three routes: to the host while it runs, local version
-// queries, and the in-process module host, including the example module end
-// to end. Scenarios that load modules or change the bridge's state run in a
-// child process of their own.
+// tsmx_Invoke's local version queries and in-process module host (forwarding
+// to a running host: bridge_host/fifo_framing_test). Stateful scenarios run
+// in a child process.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "bridge/bridge_state.h"
+#include "bridge/set_callback_message.h"
 #include "support/bridge_calls.h"
 #include "support/isolated_process.h"
 #include "support/module_sandbox.h"
@@ -28,19 +26,13 @@ namespace {
 using namespace tessmar::testing;
 using namespace std::chrono_literals;
 
+// Texts pinned byte for byte in tests/modhost and callback_queue_test.
 std::string Envelope(const std::string& id, const std::string& tabid,
                      const std::string& reply, const std::string& callback) {
-  return "{\"response\": {\"id\": \"" + id + "\", \"tabid\":\"" + tabid +
-         "\", \"status\":\"TRUE\", \"reply\":" + reply + ", \"callback\": \"" +
-         callback + "\"}}";
+  return BuildReplyEnvelope(id.c_str(), tabid.c_str(), REPLY_TRUE,
+                            reply.c_str(), callback.c_str());
 }
-
-std::string CallbackMessage(const std::string& tabid,
-                            const std::string& callback,
-                            const std::string& reply) {
-  return "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"" + tabid +
-         "\", \"callback\":\"" + callback + "\", \"reply\":" + reply + "}}";
-}
+using tessmar::bridge::SetCallbackMessage;
 
 TEST(LocalQueries, InitRequestsAreAnsweredFromTheConfigFiles) {
   TempHome home;
@@ -63,14 +55,12 @@ TEST(LocalQueries, InitRequestsAreAnsweredFromTheConfigFiles) {
     std::string answer;
   } cases[] = {
       {"{\"init\":\"get_version\"}", "\"version: 3.1.0.7\""},
-      {"{\"init\":\"get_version\",\"module\":\"\"}", "\"version: 3.1.0.7\""},
       {"{\"init\":\"get_version\",\"module\":5}", "\"version: 3.1.0.7\""},
       {"{\"init\":\"get_version\",\"module\":\"other\"}",
        "\"version: 1.2.3.4\""},
       {"{\"init\":\"get_version\",\"module\":\"missing\"}", "\"version: \""},
       // reload only when the extension expects a newer, comparable version
       {versions + ",\"pv\":\"2.5.0.1\"}", "{\"reload\":false" + clients},
-      {versions + ",\"pv\":\"2.4.9.9\"}", "{\"reload\":false" + clients},
       {versions + ",\"pv\":\"2.5.0.2\"}", "{\"reload\":true" + clients},
       {versions + ",\"pv\":\"2.5\"}", "{\"reload\":false" + clients},
       {"{\"init\":\"get_versions\"}",
@@ -88,8 +78,7 @@ TEST(LocalQueries, InitRequestsAreAnsweredFromTheConfigFiles) {
 }
 
 TEST(InvokeRouting, OtherRequestsGoToTheModuleHost) {
-  for (const char* init : {"\"INIT\":\"get_version\"", "\"init\":5",
-                           "\"init\":\"\"", "\"init\":null"}) {
+  for (const char* init : {"\"INIT\":\"get_version\"", "\"init\":5"}) {
     SCOPED_TRACE(init);
     const std::string request =
         std::string("{") + init +
@@ -109,40 +98,6 @@ TEST(InvokeRouting, OtherRequestsGoToTheModuleHost) {
   EXPECT_EQ(GetLoadedClientList(), "");
 }
 
-std::string Frame(const std::string& body) {
-  const uint32_t length = static_cast<uint32_t>(body.size());
-  return std::string(reinterpret_cast<const char*>(&length), 4) + body;
-}
-
-TEST(InvokeRouting, WhileTheHostRunsEveryRequestIsForwardedUnexamined) {
-  EXPECT_TRUE(RunIsolated([] {
-    int request_pipe[2];
-    int reply_pipe[2];
-    ASSERT_EQ(pipe(request_pipe), 0);
-    ASSERT_EQ(pipe(reply_pipe), 0);
-    const std::string replies = Frame("first reply") + Frame("\"second\"");
-    ASSERT_EQ(write(reply_pipe[1], replies.data(), replies.size()),
-              static_cast<ssize_t>(replies.size()));
-    tessmar::bridge::w_fifo = request_pipe[1];
-    tessmar::bridge::r_fifo = reply_pipe[0];
-    tessmar::bridge::set_Startup = true;
-
-    const std::string not_json = "not json at all";
-    const std::string query = "{\"init\":\"get_version\"}";
-    EXPECT_EQ(InvokeText(not_json), "first reply");
-    EXPECT_EQ(InvokeText(query), "\"second\"");
-    const std::string sent = Frame(not_json) + Frame(query);
-    close(request_pipe[1]);
-    std::string got(sent.size() + 1, '\0');
-    std::size_t done = 0;
-    for (ssize_t n;
-         (n = read(request_pipe[0], &got[done], got.size() - done)) > 0;) {
-      done += static_cast<std::size_t>(n);
-    }
-    EXPECT_EQ(got.substr(0, done), sent);
-  }));
-}
-
 TEST(InvokeRouting, InProcessModulesReceiveTheBridgesHostTable) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
@@ -152,9 +107,8 @@ TEST(InvokeRouting, InProcessModulesReceiveTheBridgesHostTable) {
               Envelope("2", "", "{\"from\":\"a\",\"call\":1}", ""));
     EXPECT_EQ(s.Log().at(1),
               SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));
-    // The module's SendCallback went to the queue at once.
     EXPECT_EQ(PopText(),
-              CallbackMessage("rec-tab", "rec-cb", "{\"from\":\"a\"}"));
+              SetCallbackMessage("rec-tab", "rec-cb", "{\"from\":\"a\"}"));
     EXPECT_EQ(PopText(), "");
   }));
 }
@@ -193,26 +147,24 @@ TEST(EchoModule, AnswersAndSendsOneCallbackFromItsOwnThread) {
                        "\"callback\":\"c\"}",
                        "c"));
     EXPECT_EQ(PopMessages(1, 10s),
-              std::vector<std::string>{CallbackMessage(
+              std::vector<std::string>{SetCallbackMessage(
                   "t", "c",
                   "{\"module\":\"echo\",\"event\":\"ping\",\"id\":\"8\"}")});
 
-    // Unloading stops the worker: a registration not yet answered when
-    // Terminate runs is dropped, and nothing arrives once it has returned.
+    // Unloading stops the worker: nothing arrives after Terminate returns.
     ASSERT_NE(InvokeText(EchoRegistration("9")), std::nullopt);
     UnloadQxClient();
     EXPECT_LE(DrainQueue(), 1u);
     std::this_thread::sleep_for(150ms);
     EXPECT_EQ(PopText(), "");
-    // Loaded afresh by the next request, with a worker of its own again.
+    // Reloaded by the next request, with a new worker.
     ASSERT_NE(InvokeText(EchoRegistration("10")), std::nullopt);
     EXPECT_EQ(PopMessages(1, 10s).size(), 1u);
     UnloadQxClient();
   }));
 }
 
-// The bridge never unloads its modules: the process exits, running the
-// module's static destructors while its worker may still wait.
+// Exit without unloading: static destructors run while the worker waits.
 TEST(EchoModule, ProcessExitsCleanlyWithoutUnloadingTheModule) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {

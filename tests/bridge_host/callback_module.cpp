@@ -1,6 +1,5 @@
-// A client module for the end-to-end tests. Its Invoke sends callbacks
-// through the host's SendCallback from four threads at once, then answers
-// {"sent":101}; its Terminate leaves HOME/module-terminated behind.
+// Invoke sends 101 callbacks from four threads, answers {"sent":101};
+// Terminate leaves HOME/module-terminated behind.
 #include <cstdlib>
 #include <cstring>
 #include <fstream>

@@ -59,8 +59,7 @@ TEST(DriverTest, RefusesHostModeWithoutARunnableHost) {
   EXPECT_NE(std::string::npos, result.err.find("/missing/TessmarFirefox"));
   EXPECT_TRUE(Absent(RequestFifo())) << "tsmx_Startup must not have run";
 
-  // Executable, but its exec fails (no such interpreter): the driver's
-  // forked child must not go on as a second driver, and nothing may hang.
+  // Its exec fails: the forked child must not go on as a second driver.
   chmod(home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n")
             .c_str(),
         0755);
@@ -81,7 +80,7 @@ TEST(DriverTest, HostModeRoundTripWithCallbacks) {
       {kDriver, "--host", "--wait-ms", "200", kEcho,
        R"({"cmd":"native","id":"2","tabid":"t1","callback":"cb","module":"cbmod"})"});
   EXPECT_EQ(0, result.exit_code) << result.err;
-  // The host shares the driver's stderr: no complaint (nor sanitizer report).
+  // The host shares the driver's stderr: no complaint or sanitizer report.
   EXPECT_EQ("", result.err);
   EXPECT_EQ(0u, result.out.find(EchoReply() + "\n")) << result.out;
   EXPECT_NE(std::string::npos,

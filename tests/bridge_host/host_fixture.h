@@ -26,10 +26,8 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 inline constexpr int kDeadlineSeconds = 20;
 
-// Runs `body` in a child that leads its own process group and ignores
-// SIGPIPE (a write to a vanished host must fail, not kill the scenario).
-// The test fails when the child failed, crashed or overran; then the whole
-// group, with any host left blocked in a read, is killed.
+// Runs `body` in a child leading its own process group, ignoring SIGPIPE;
+// fails on child failure, crash or overrun, then kills the whole group.
 inline void RunScenario(const std::function<void()>& body) {
   const auto failures = [] {
     const ::testing::TestResult* result =
@@ -72,8 +70,7 @@ struct ProgramResult {
   std::string err;
 };
 
-// Runs `argv` with `input` on its standard input under timeout(1), which
-// leads a process group of its own and kills all of it at the deadline.
+// Runs `argv` with `input` as stdin under timeout(1), which kills its group.
 inline ProgramResult RunProgram(const std::vector<std::string>& argv,
                                 const std::string& input = "",
                                 bool without_home = false) {
@@ -119,8 +116,8 @@ inline std::string LinkHost(const std::string& install_dir,
   return path;
 }
 
-// An unsigned installation in HOME/install, named by config.json after the
-// JSON members `extra`. Returns the host's path.
+// An unsigned installation in HOME/install named by config.json (with the
+// members `extra`); returns the host's path.
 inline std::string InstallHost(const TempHome& home, const std::string& host,
                                const std::string& extra = "") {
   home.WriteConfig("config.json", "{" + extra + "\"Tessmar\":\"" +
@@ -156,11 +153,9 @@ inline bool Absent(const std::string& path) {
   return lstat(path.c_str(), &info) != 0 && errno == ENOENT;
 }
 
-// The scripted host: this test executable, started by the library under the
-// host's name with a script in the environment. It records its argument
-// vector (each argument NUL-terminated) in RECORD/argv and every byte it
-// reads from the request FIFO in RECORD/input; after the last step it closes
-// its pipes and exits 0 (1 when a step failed).
+// The scripted host: this executable started under the host's name. It
+// records its argv (NUL-terminated) in RECORD/argv and every request byte in
+// RECORD/input, then exits 0 (1 when a step failed).
 inline constexpr char kScriptVariable[] = "TESSMAR_TEST_HOST_SCRIPT";
 inline constexpr char kRecordVariable[] = "TESSMAR_TEST_HOST_RECORD";
 

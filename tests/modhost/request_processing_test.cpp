@@ -1,6 +1,5 @@
-// Request processing: refused requests, echo replies, dispatch to one module
-// and broadcasts, each reply compared byte for byte. Scenarios that load
-// modules run in a child process of their own.
+// Request processing, replies compared byte for byte; scenarios that load
+// modules run isolated.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -32,8 +31,7 @@ std::string EchoAnswer(const std::string& request) {
   return "{\"reply\":{\"status\":\"0\", \"reply\":" + request + "}}";
 }
 
-// Log lines after the first `skip`, sorted: a broadcast follows the registry
-// order, which is not fixed.
+// Log lines after the first `skip`, sorted (broadcast order is not fixed).
 Lines SortedLogAfter(const ModuleSandbox& s, std::size_t skip) {
   Lines lines = s.Log();
   lines.erase(lines.begin(), lines.begin() + static_cast<long>(skip));
@@ -80,12 +78,6 @@ TEST(ProcessRequest, EchoAndEmptyBroadcastAreAnsweredWithoutAModule) {
       "{\"cmd\":\"setcallback\",\"echo\":true,\"tabid\":\"t\"}";
   EXPECT_EQ(Process(setcallback),
             Envelope("", "t", "TRUE", EchoAnswer(setcallback), ""));
-  // The first of duplicate members counts.
-  const std::string first_cmd =
-      "{\"cmd\":\"native\",\"cmd\":\"other\",\"id\":\"1\",\"echo\":true}";
-  EXPECT_EQ(Process(first_cmd),
-            Envelope("1", "", "TRUE", EchoAnswer(first_cmd), ""));
-
   EXPECT_EQ(Process("{\"cmd\":\"native\",\"id\":\"9\",\"tabid\":\"t\","
                     "\"callback\":\"c\",\"module\":\"_all_\"}"),
             Envelope("9", "t", "TRUE", "{}", "c"));
@@ -116,7 +108,6 @@ TEST(ProcessRequest, ModuleAnswersAreWrappedWithTheRequestsOwnFields) {
                      "a\tFreeString\t{\"from\":\"a\",\"call\":1}", invoke,
                      "a\tFreeString\t{\"from\":\"a\",\"call\":2}"}));
 
-    // SetCallback gets the tabid and the flag 1.
     const std::string setcallback =
         "{\"cmd\":\"setcallback\",\"id\":\"5\",\"tabid\":\"tab-1\","
         "\"callback\":\"onX\",\"module\":\"rec\",\"origin\":\"o\"}";
@@ -141,8 +132,6 @@ TEST(ProcessRequest, ModuleAnswersAreWrappedWithTheRequestsOwnFields) {
   }));
 }
 
-// Status words for modules that answer oddly or are refused; the reply is
-// then always the empty object.
 TEST(ProcessRequest, StatusWordsOfOddAndRefusedModules) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
@@ -152,7 +141,6 @@ TEST(ProcessRequest, StatusWordsOfOddAndRefusedModules) {
     s.install.WriteModuleFile("unsigned", FIXTURE_RECORDING_A_PATH, "");
     s.install.AddModule(
         "text", s.home.WriteHomeFile("modules/libtext.so", "plain text\n"));
-    s.install.AddModule("bare", FIXTURE_NO_INITIALIZE_PATH);
     s.install.AddModule("failing", FIXTURE_FAILING_INITIALIZE_PATH);
     s.install.AddModule("null", FIXTURE_NULL_ANSWER_PATH);
     s.install.AddModule("empty", FIXTURE_EMPTY_ANSWER_PATH);
@@ -165,13 +153,11 @@ TEST(ProcessRequest, StatusWordsOfOddAndRefusedModules) {
     } cases[] = {{"native", "null", "FALSE"},
                  {"native", "empty", "TRUE"},
                  {"setcallback", "null", "TRUE"},  // no answer is fine here
-                 {"setcallback", "empty", "TRUE"},
                  {"setcallback", "nocb", "TRUE"},  // no SetCallback entry
                  {"native", "tampered", "BLOCK:CLIENT"},
                  {"native", "unsigned", "BLOCK:CLIENT"},
                  {"native", "text", "FALSE"},
                  {"native", "absent", "FALSE"},
-                 {"native", "bare", "FALSE"},
                  {"native", "failing", "FALSE"}};
     for (const auto& c : cases) {
       SCOPED_TRACE(c.module);
@@ -223,8 +209,7 @@ TEST(ProcessRequest, BroadcastReachesExactlyTheLoadedModules) {
                "b\tFreeString\t{\"from\":\"b\",\"setcallback\":1}",
                LogLine({"b", "SetCallback", "", "6", setcallback, "t", "1"})}));
     seen = s.Log().size();
-
-    // Without an id each dispatch stops, yet the broadcast is answered.
+    // Without an id nothing is dispatched, yet the broadcast is answered.
     EXPECT_EQ(
         Process("{\"cmd\":\"native\",\"tabid\":\"t\",\"module\":\"_all_\"}"),
         Envelope("", "t", "TRUE", "{}", ""));
