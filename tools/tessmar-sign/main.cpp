@@ -82,8 +82,8 @@ struct Arguments {
   }
 };
 
-bool Accepts(const CommandSpec& spec, const std::string& option) {
-  for (const char* name : spec.options) {
+bool Accepts(const CommandSpec& syntax, const std::string& option) {
+  for (const char* name : syntax.options) {
     if (option == name) return true;
   }
   return false;
@@ -91,7 +91,7 @@ bool Accepts(const CommandSpec& spec, const std::string& option) {
 
 // Options may come before, between or after the operands; "--" ends them,
 // so operands that begin with "-" can be given.
-bool ParseArguments(const CommandSpec& spec, int argc, char** argv, int first,
+bool ParseArguments(const CommandSpec& syntax, int argc, char** argv, int first,
                     Arguments* args, std::string* error) {
   bool options_ended = false;
   for (int i = first; i < argc; ++i) {
@@ -117,7 +117,7 @@ bool ParseArguments(const CommandSpec& spec, int argc, char** argv, int first,
       name = arg.substr(0, equals);
       value = arg.substr(equals + 1);
     }
-    if (!Accepts(spec, name)) {
+    if (!Accepts(syntax, name)) {
       *error = "unknown option '" + name + "'";
       return false;
     }
@@ -137,11 +137,11 @@ bool ParseArguments(const CommandSpec& spec, int argc, char** argv, int first,
       return false;
     }
   }
-  if (!args->help && args->operands.size() != spec.operands.size()) {
+  if (!args->help && args->operands.size() != syntax.operands.size()) {
     *error = "expected";
-    for (const char* operand : spec.operands)
+    for (const char* operand : syntax.operands)
       *error += std::string(" ") + operand;
-    if (spec.operands.empty()) *error += " no operands";
+    if (syntax.operands.empty()) *error += " no operands";
     return false;
   }
   return true;
@@ -174,11 +174,11 @@ int Main(int argc, char** argv) {
     PrintUsage(stdout);
     return std::fflush(stdout) == 0 ? kExitOk : kExitError;
   }
-  const CommandSpec* spec = nullptr;
+  const CommandSpec* syntax = nullptr;
   for (const CommandSpec& candidate : Commands()) {
-    if (command == candidate.name) spec = &candidate;
+    if (command == candidate.name) syntax = &candidate;
   }
-  if (spec == nullptr) {
+  if (syntax == nullptr) {
     std::fprintf(
         stderr,
         "tessmar-sign: unknown command '%s' (see tessmar-sign --help)\n",
@@ -187,9 +187,9 @@ int Main(int argc, char** argv) {
   }
   Arguments args;
   std::string error;
-  if (!ParseArguments(*spec, argc, argv, 2, &args, &error)) {
+  if (!ParseArguments(*syntax, argc, argv, 2, &args, &error)) {
     std::fprintf(stderr, "tessmar-sign: %s: %s (see tessmar-sign --help)\n",
-                 spec->name, error.c_str());
+                 syntax->name, error.c_str());
     return kExitError;
   }
   if (args.help) {
