@@ -1,0 +1,62 @@
+// Answering a request without a separate host: the two version queries from
+// the configuration, every other request through the module host. Shared by
+// tsmx_Invoke's in-process route and the reference host, so both answer
+// byte for byte alike. Header-only: the reference host links only the
+// library's exported functions (plus its own copy of JsonDocument).
+#ifndef TESSMAR_SRC_BRIDGE_LOCAL_ANSWER_H
+#define TESSMAR_SRC_BRIDGE_LOCAL_ANSWER_H
+
+#include <cstddef>
+#include <string>
+
+#include "config/json_document.h"
+#include "tessmar/config.h"
+#include "tessmar/modhost.h"
+
+namespace tessmar::bridge {
+
+// Where an answer came from: a local version query (where "" is a real
+// answer) or the module host (where "" means no reply).
+enum class AnswerSource { kVersionQuery, kModuleHost };
+
+inline std::string VersionsAnswer(const JsonDocument& request) {
+  std::string modules = request.String("m");
+  const std::string expected = request.String("pv");
+  const std::string current = GetCurrentVersion(nullptr);
+  // GetClientVersions tokenizes the buffer it is given; `modules` is ours.
+  const std::string versions = GetClientVersions(&modules[0]);
+  std::string answer = "{";
+  answer += CheckVersion(expected.c_str(), current.c_str()) != 0
+                ? "\"reload\":false, "
+                : "\"reload\":true, ";
+  answer += "\"qx\":\"" + current + "\",\"m\":" + versions + "}";
+  return answer;
+}
+
+// Answers `length` bytes of `request`. A non-empty "init" selects a version
+// query ("get_version", "get_versions"; any other value answers "" and
+// reaches no module); everything else goes to process_request with `host`.
+inline std::string AnswerLocally(const char* request, std::size_t length,
+                                 QXHostFuncs* host, AnswerSource* source) {
+  {
+    const JsonDocument parsed(request, length);
+    const std::string init = parsed.String("init");
+    if (!init.empty()) {
+      *source = AnswerSource::kVersionQuery;
+      std::string module = parsed.String("module");
+      if (module.empty()) module = "morrowhost";
+      if (init == "get_version") {
+        return "\"version: " + GetClientVersion(module.c_str()) + "\"";
+      }
+      if (init == "get_versions") return VersionsAnswer(parsed);
+      return std::string();
+    }
+  }
+  *source = AnswerSource::kModuleHost;
+  // The length is handed over as a 32-bit int, as module hosts expect.
+  return process_request(nullptr, request, static_cast<int>(length), host);
+}
+
+}  // namespace tessmar::bridge
+
+#endif  // TESSMAR_SRC_BRIDGE_LOCAL_ANSWER_H
