@@ -37,7 +37,7 @@ TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
        {{"{\"q\":1}", "<null>"}, {"{\"q\":2}", "ab"}, {"{\"q\":3}", "after"}},
        {}},
       {"a reply body in two pieces is NULL",
-       HostScript().Read().Raw(Frame("abcdefghij").substr(0, 7)).SleepMs(300)
+       HostScript().Read().Raw(Frame("abcdefghij").substr(0, 7)).SleepMs(100)
            .Raw("defghij").Drain(),
        {{"{}", "<null>"}}, {}},
       {"callbacks are popped in the host's order, cut at a NUL",

@@ -72,9 +72,13 @@ int RunScriptedHost(int argc, char** argv) {
       }
     } else if (step[0] == 's') {
       std::this_thread::sleep_for(milliseconds(std::stoi(arg)));
+    } else if (step[0] == 'w') {
+      // Raw bytes follow a reply the library has already given up on; it may
+      // have closed the reply pipe meanwhile, and the script goes on to read
+      // the stop message either way.
+      WriteAll(reply, arg);
     } else {
-      ok = step[0] == 'w' ? WriteAll(reply, arg)
-                          : WriteMessage(step[0] == 'm' ? reply : callback, arg);
+      ok = WriteMessage(step[0] == 'm' ? reply : callback, arg);
     }
     if (!ok) std::fprintf(stderr, "scripted host: step %s failed\n", step.c_str());
   }
