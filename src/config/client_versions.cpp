@@ -6,6 +6,7 @@
 
 #include "config/build_identity.h"
 #include "config/json_document.h"
+#include "config/module_file.h"
 #include "tessmar/config.h"
 
 std::string GetCurrentVersion(void* /*context*/) {
@@ -13,23 +14,18 @@ std::string GetCurrentVersion(void* /*context*/) {
 }
 
 std::string GetClientVersion(const char* module) {
-  const std::string config = _GetModuleConfigPath(module);
-  if (config.empty()) return std::string();
-  const tessmar::JsonDocument file = tessmar::ReadJsonFile(config);
-  const std::string name = file.String("Name");
-  const std::string path = file.String("Path");
-  const std::string sig = file.String("Sig");
-  std::string version = file.String("Version");
+  const tessmar::ModuleFile file = tessmar::ReadModuleFile(module);
   // A module file without a signature reports no version, although the
   // signature itself is not verified here.
-  if (name.empty() || path.empty() || sig.empty() || version.empty()) {
+  if (file.name.empty() || file.path.empty() || file.sig.empty() ||
+      file.version.empty()) {
     return std::string();
   }
   if (tessmar::BuildRequiresClientFile() &&
-      access(path.c_str(), F_OK) != 0) {
+      access(file.path.c_str(), F_OK) != 0) {
     return std::string();
   }
-  return version;
+  return file.version;
 }
 
 std::string GetClientVersions(const char* list) {

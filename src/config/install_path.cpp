@@ -2,6 +2,7 @@
 #include <string>
 
 #include "config/json_document.h"
+#include "config/module_file.h"
 #include "tessmar/config.h"
 #include "tessmar/signature.h"
 
@@ -14,19 +15,15 @@ std::string GetTessmarInstallPath() {
 }
 
 std::string GetClientInstallPathModule(const char* module, bool verify) {
-  const std::string config = _GetModuleConfigPath(module);
-  if (config.empty()) return std::string();
-  const tessmar::JsonDocument file = tessmar::ReadJsonFile(config);
-  const std::string name = file.String("Name");
-  const std::string path = file.String("Path");
-  const std::string sig = file.String("Sig");
-  if (name.empty() || path.empty()) return std::string();
-  if (!verify) return path;
+  const tessmar::ModuleFile file = tessmar::ReadModuleFile(module);
+  if (file.name.empty() || file.path.empty()) return std::string();
+  if (!verify) return file.path;
   // A verified lookup never hands out a path that carries no signature.
-  if (sig.empty() || !CheckQXClientModuleSignature(path.c_str(), sig.c_str())) {
+  if (file.sig.empty() ||
+      !CheckQXClientModuleSignature(file.path.c_str(), file.sig.c_str())) {
     return kBlockClient;
   }
-  return path;
+  return file.path;
 }
 
 std::string GetClientInstallPath() {
