@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "config/config_location.h"
@@ -41,5 +42,9 @@ std::string _GetConfigPath() { return tessmar::LocateConfigFile("config.json"); 
 
 std::string _GetModuleConfigPath(const char* module) {
   if (module == nullptr || *module == '\0') return std::string();
+  // A module's file is its name + ".json" inside the configuration directory,
+  // and a file name holds no "/": a name with one has no module file, so a
+  // page cannot point the loader at a file elsewhere on the disk.
+  if (std::strchr(module, '/') != nullptr) return std::string();
   return tessmar::LocateConfigFile(std::string(module) + ".json");
 }

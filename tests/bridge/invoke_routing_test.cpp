@@ -113,6 +113,32 @@ TEST(InvokeRouting, InProcessModulesReceiveTheBridgesHostTable) {
   }));
 }
 
+TEST(InvokeRouting, AModuleNameIsNeverAPath) {
+  ModuleSandbox s;
+  EXPECT_TRUE(RunIsolated([&] {
+    // A correctly signed module file that a page got saved below HOME,
+    // outside the configuration directory.
+    const std::string file =
+        "{\"Name\":\"x\",\"Path\":\"" FIXTURE_RECORDING_A_PATH "\",\"Sig\":\"" +
+        SignedInstallation::ModuleSignature(FIXTURE_RECORDING_A_PATH) +
+        "\",\"Version\":\"6.6.6.6\"}";
+    s.home.WriteHomeFile("Downloads/x.json", file);
+    const std::string name = "../../../../Downloads/x";
+    EXPECT_EQ(InvokeText("{\"cmd\":\"native\",\"id\":\"1\",\"module\":\"" +
+                         name + "\"}"),
+              BuildReplyEnvelope("1", "", REPLY_FALSE, nullptr, ""));
+    EXPECT_EQ(InvokeText("{\"init\":\"get_version\",\"module\":\"" + name +
+                         "\"}"),
+              "\"version: \"");
+    EXPECT_TRUE(s.Log().empty()) << "the module was loaded";
+
+    // The same file inside the configuration directory is a module.
+    s.home.WriteConfig("x.json", file);
+    EXPECT_EQ(InvokeText("{\"cmd\":\"native\",\"id\":\"1\",\"module\":\"x\"}"),
+              Envelope("1", "", "{\"from\":\"a\",\"call\":1}", ""));
+  }));
+}
+
 std::string EchoRegistration(const std::string& id) {
   return "{\"cmd\":\"setcallback\",\"id\":\"" + id +
          "\",\"tabid\":\"t\",\"callback\":\"c\",\"module\":\"echo\"}";
