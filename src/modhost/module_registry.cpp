@@ -50,8 +50,11 @@ int LoadQxClient(const char* name, QXHostFuncs* host) {
   if (GetInvoke(name) != nullptr) return QX_LOAD_OK;
   if (!CheckModuleSignature()) return QX_LOAD_INSTALLATION_BLOCKED;
 
-  // An empty path (no module file) is passed as it stands; dlopen("") then
-  // yields the main program's handle, which has no Initialize.
+  // A module without a usable file has no path. dlopen("") would hand back
+  // the main program's handle and let dlsym find any "Initialize" in the
+  // browser's own symbols, so an empty path counts as a library that cannot
+  // be opened.
+  if (path.empty()) return QX_LOAD_OPEN_FAILED;
   void* handle = dlopen(path.c_str(), RTLD_LAZY);
   if (handle == nullptr) return QX_LOAD_OPEN_FAILED;
 

@@ -12,6 +12,15 @@
 #include "tessmar/modhost.h"
 #include "tessmar/signature.h"
 
+// An entry point of the test program itself, exported like a module's, that
+// a module without a file must never reach.
+static int g_programInitializeCalls = 0;
+extern "C" __attribute__((visibility("default"))) int Initialize(
+    QxClientFuncs*) {
+  ++g_programInitializeCalls;
+  return 1;
+}
+
 namespace {
 
 using tessmar::g_defaultHostFuncs;
@@ -96,13 +105,17 @@ TEST(ModuleLoader, LibrariesThatCannotBeInitializedStayUnregistered) {
     s.install.AddModule("bare", FIXTURE_NO_INITIALIZE_PATH);
     s.install.AddModule("failing", FIXTURE_FAILING_INITIALIZE_PATH);
     EXPECT_EQ(LoadQxClient("text", nullptr), QX_LOAD_OPEN_FAILED);
-    // No Initialize, a failing one, or no file: 0, and each attempt retries.
-    for (const char* name : {"bare", "failing", "absent", "bare", "failing"}) {
+    // No Initialize or a failing one: 0, and each attempt retries.
+    for (const char* name : {"bare", "failing", "bare", "failing"}) {
       SCOPED_TRACE(name);
       EXPECT_EQ(LoadQxClient(name, nullptr), QX_LOAD_OK);
       EXPECT_EQ(GetInvoke(name), nullptr);
     }
     EXPECT_EQ(s.Log(), (Lines{"failing Initialize", "failing Initialize"}));
+    // No module file: nothing to open, and the program's own Initialize
+    // (the one defined below) is never looked up.
+    EXPECT_EQ(LoadQxClient("absent", nullptr), QX_LOAD_OPEN_FAILED);
+    EXPECT_EQ(g_programInitializeCalls, 0);
     EXPECT_EQ(GetLoadedClientList(), "");
   }));
 }
