@@ -116,12 +116,12 @@ void tsmx_End(void) {
   }
   fsync(w_fifo);
 
-  // The descriptors are marked closed so that requests after the end fail
-  // on a bad descriptor instead of reaching a file that reused the number.
-  close(w_fifo);
-  close(r_fifo);
-  close(cb_fifo);
-  w_fifo = r_fifo = cb_fifo = -1;
+  // Each descriptor is taken out of use (-1) before it is closed, so neither
+  // the reader thread nor a later tsmx_Invoke can reach a file that has
+  // reused the number; they fail on a bad descriptor instead.
+  close(w_fifo.exchange(-1));
+  close(r_fifo.exchange(-1));
+  close(cb_fifo.exchange(-1));
 
   // The reader leaves its blocking read when the host, told to stop,
   // closes its end of the callback FIFO.

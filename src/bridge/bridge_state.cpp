@@ -16,8 +16,9 @@ std::atomic<int> cb_loop{0};
 bool set_Startup = false;
 pthread_t g_CallbackThread;
 
-std::deque<std::string> g_CallbackData;
-std::mutex mutex;
+// Allocated once and deliberately never freed (see bridge_state.h).
+std::deque<std::string>& g_CallbackData = *new std::deque<std::string>;
+std::mutex& mutex = *new std::mutex;
 
 QXHostFuncs g_bridgeHostFuncs = {1, 48, 2, std::malloc, std::free,
                                  PushSetCallbackReply};

@@ -32,9 +32,11 @@ extern std::atomic<int> cb_loop;
 extern bool set_Startup;
 extern pthread_t g_CallbackThread;
 
-// The callback queue and its one lock, which guards nothing else.
-extern std::deque<std::string> g_CallbackData;
-extern std::mutex mutex;
+// The callback queue and its one lock, which guards nothing else. Both are
+// never destroyed: module threads and the reader thread may still push while
+// the process runs its exit handlers.
+extern std::deque<std::string>& g_CallbackData;
+extern std::mutex& mutex;
 
 // Version 1, size 48, revision 2, malloc, free, PushSetCallbackReply.
 extern QXHostFuncs g_bridgeHostFuncs;

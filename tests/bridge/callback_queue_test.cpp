@@ -2,12 +2,15 @@
 // queue lives for the whole process: each test drains it first.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "bridge/bridge_state.h"
 #include "bridge/set_callback_message.h"
 #include "support/bridge_calls.h"
+#include "support/isolated_process.h"
 #include "tessmar/bridge.h"
 
 namespace {
@@ -84,6 +87,21 @@ TEST_F(CallbackQueue, HostTableQueuesAndTheResponseCallbackIsNeverCalled) {
   PushSetCallbackReply("t", nullptr, "c", "{}");
   EXPECT_NE(PopText(), "");
   tsmx_SetResponseCallback(nullptr);
+}
+
+// Module threads may still call back while the process runs its exit
+// handlers; the queue and its lock must outlive them.
+TEST(CallbackQueueLifetime, OutlivesProducersAtProcessExit) {
+  EXPECT_TRUE(tessmar::testing::RunIsolated([] {
+    std::thread([] {
+      for (;;) {
+        PushSetCallbackReply("t", nullptr, "c", "{}");
+        tsmx_Free(tsmx_Pop());
+      }
+    }).detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::exit(0);
+  }));
 }
 
 }  // namespace

@@ -1,8 +1,27 @@
 // tsmx_Startup and tsmx_End in real processes.
 #include <fcntl.h>
 
+#include <atomic>
+
+#include "bridge/bridge_state.h"
 #include "bridge_host/host_fixture.h"
 #include "tessmar/config.h"
+
+// This program is linked with -Wl,--wrap=close: while g_watchCloses is set,
+// closing a descriptor that the bridge still holds as open is counted.
+namespace {
+std::atomic<bool> g_watchCloses{false};
+std::atomic<int> g_closedWhileInUse{0};
+}  // namespace
+extern "C" int __real_close(int fd);
+extern "C" int __wrap_close(int fd) {
+  using namespace tessmar::bridge;
+  if (g_watchCloses && fd >= 0 &&
+      (fd == w_fifo || fd == r_fifo || fd == cb_fifo)) {
+    ++g_closedWhileInUse;
+  }
+  return __real_close(fd);
+}
 
 namespace tessmar::testing {
 namespace {
@@ -72,7 +91,10 @@ TEST(BridgeStartupTest, ReplacesLeftoversAndStartsTheHostWithItsPathAlone) {
     HostScript().Drain().Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
     ExpectFifos("p600");
+    g_watchCloses = true;
     tsmx_End();
+    g_watchCloses = false;
+    EXPECT_EQ(0, g_closedWhileInUse) << "closed before being taken out of use";
     ExpectFifos("absent");
     tsmx_End();  // repeated: must neither hang nor crash
   });
