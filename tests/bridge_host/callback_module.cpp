@@ -1,5 +1,7 @@
 // Invoke sends 101 callbacks from four threads, answers {"sent":101};
-// Terminate leaves HOME/module-terminated behind.
+// a request with "callbackBytes":N instead sends one callback whose reply is
+// a JSON string of N letters, then a small one. Terminate leaves
+// HOME/module-terminated behind.
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -13,7 +15,15 @@ namespace {
 
 QXHostFuncs* g_host = nullptr;
 
-char* Invoke(const char*, const char*, const char*) {
+char* Invoke(const char*, const char*, const char* request) {
+  constexpr char kBytes[] = "\"callbackBytes\":";
+  if (const char* size = std::strstr(request, kBytes)) {
+    const long n = std::strtol(size + sizeof kBytes - 1, nullptr, 10);
+    const std::string big = "\"" + std::string(n, 'x') + "\"";
+    g_host->SendCallback("t1", nullptr, "big", big.c_str());
+    g_host->SendCallback("t1", nullptr, "after", "{}");
+    return strdup("{\"sent\":2}");
+  }
   g_host->SendCallback("t1", nullptr, nullptr, "{\"dropped\":1}");
   g_host->SendCallback("t1", nullptr, "cb", "");  // sent with {} as reply
   std::vector<std::thread> threads;

@@ -91,6 +91,76 @@ TEST(ReferenceHostTest, CarriesModuleRepliesAndCallbacksAsInProcess) {
       << "the host unloads its modules on the stop message";
 }
 
+// Installed copies from the staging prefix of this build tree.
+TEST(ReferenceHostTest, StartsFromEitherInstalledLayout) {
+  TempHome home;
+  const std::string staging = TESSMAR_TEST_STAGING;
+  const std::string bin = staging + "/" TESSMAR_TEST_BINDIR;
+  // An installation directory holding the host beside the library.
+  const std::string flat = home.path() + "/flat";
+  MakeDirectories(flat);
+  WriteFile(flat + "/TessmarFirefox", ReadFile(bin + "/TessmarFirefox"));
+  ASSERT_EQ(0, chmod((flat + "/TessmarFirefox").c_str(), 0755));
+  WriteFile(flat + "/libTessmarFirefox.so",
+            ReadFile(staging + "/" TESSMAR_TEST_LIBDIR "/libTessmarFirefox.so"));
+
+  for (const std::string& dir : {flat, bin}) {
+    SCOPED_TRACE(dir);
+    home.WriteConfig("config.json", "{\"Tessmar\":\"" + dir +
+                                        "\",\"Version\":\"1.2.3.4\"}");
+    RunScenario([&] {
+      ASSERT_EQ(0, tsmx_Startup());
+      EXPECT_EQ("{\"reload\":false, \"qx\":\"1.2.3.4\",\"m\":[]}",
+                InvokeText(R"({"init":"get_versions"})"));
+      tsmx_End();
+    });
+  }
+}
+
+std::size_t PipeMaxSize() {
+  return std::stoul(ReadFile("/proc/sys/fs/pipe-max-size"));
+}
+
+// The library reads each body with one read call: what cannot fit the pipe
+// whole is left out, and the host goes on serving.
+TEST(ReferenceHostTest, FramesLargerThanThePipeFitOrAreLeftOut) {
+  TempHome home;
+  const SignedInstallation install(home);
+  LinkHost(install.install_dir(), kReferenceHost);
+  install.AddModule("cbmod", TESSMAR_TEST_CALLBACK_MODULE);
+  const auto echo = [](std::size_t pad) {
+    return R"({"cmd":"native","id":"1","echo":true,"pad":")" +
+           std::string(pad, 'x') + "\"}";
+  };
+  const auto callbacks = [](std::size_t bytes) {
+    return R"({"cmd":"native","id":"2","module":"cbmod","callbackBytes":)" +
+           std::to_string(bytes) + "}";
+  };
+  const std::size_t limit = PipeMaxSize();
+  RunScenario([&] {
+    const std::string small = echo(1), large = echo(300 << 10);
+    const std::string small_reply = InvokeText(small);
+    const std::string large_reply = InvokeText(large);
+    ASSERT_EQ(0, tsmx_Startup());
+    EXPECT_EQ(large_reply, InvokeText(large));
+    EXPECT_EQ("<null>", InvokeText(echo(limit)));
+    EXPECT_EQ(small_reply, InvokeText(small)) << "still serving";
+
+    EXPECT_NE("<null>", InvokeText(callbacks(300 << 10)));
+    std::vector<std::string> messages = PopMessages(2);
+    ASSERT_EQ(2u, messages.size());
+    EXPECT_EQ(bridge::SetCallbackMessage(
+                  "t1", "big", ("\"" + std::string(300 << 10, 'x') + "\"").c_str()),
+              messages[0]);
+    EXPECT_NE("<null>", InvokeText(callbacks(limit)));
+    messages = PopMessages(1);
+    EXPECT_EQ((std::vector<std::string>{
+                  bridge::SetCallbackMessage("t1", "after", "{}")}),
+              messages);
+    tsmx_End();
+  });
+}
+
 TEST(ReferenceHostTest, ReportsItsOwnFailuresWithExitCodes) {
   TempHome home;
   struct {

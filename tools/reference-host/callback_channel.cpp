@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <mutex>
 
 #include "bridge/set_callback_message.h"
@@ -37,6 +38,15 @@ int SendCallback(const char* tabid, const void* /*reserved*/,
   const std::string text = bridge::SetCallbackMessage(tabid, callback, reply);
   std::lock_guard<std::mutex> lock(g_lock);
   if (g_fd < 0) return 0;
+  if (!MakeRoomForMessage(g_fd, text.size())) {
+    // Writing it would block under the lock until the library reads, which
+    // it never does for a frame it cannot take whole.
+    std::fprintf(stderr,
+                 "TessmarFirefox: dropped a %zu-byte callback that does not "
+                 "fit the callback pipe\n",
+                 text.size());
+    return 0;
+  }
   if (!WriteMessage(g_fd, text, kPipeName)) {
     // The library's reader stops at the first frame it cannot take whole, so
     // nothing written after a failed frame would be read correctly.

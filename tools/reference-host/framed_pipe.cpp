@@ -1,5 +1,7 @@
 #include "framed_pipe.h"
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,7 +52,31 @@ bool WriteOnce(int fd, const void* data, size_t size, const char* pipe_name,
   return true;
 }
 
+// The largest pipe an unprivileged process may ask for; 1 MiB by default.
+std::size_t PipeMaxSize() {
+  std::size_t limit = 1 << 20;
+  if (FILE* file = std::fopen("/proc/sys/fs/pipe-max-size", "r")) {
+    unsigned long value = 0;
+    if (std::fscanf(file, "%lu", &value) == 1 && value > 0) limit = value;
+    std::fclose(file);
+  }
+  return limit;
+}
+
 }  // namespace
+
+bool MakeRoomForMessage(int fd, std::size_t body_size) {
+  int queued = 0;
+  if (ioctl(fd, FIONREAD, &queued) != 0 || queued < 0) queued = 0;
+  const std::size_t needed =
+      sizeof(uint32_t) + body_size + static_cast<std::size_t>(queued);
+  const int capacity = fcntl(fd, F_GETPIPE_SZ);
+  if (capacity > 0 && needed <= static_cast<std::size_t>(capacity)) return true;
+  // Checked here rather than left to the kernel: a privileged host could
+  // otherwise grow the pipe beyond the limit every other host lives with.
+  if (needed > PipeMaxSize()) return false;
+  return fcntl(fd, F_SETPIPE_SZ, static_cast<int>(needed)) >= 0;
+}
 
 ReadResult ReadMessage(int fd, std::string& body, const char* pipe_name) {
   uint32_t length = 0;

@@ -86,7 +86,16 @@ int Serve(int request_fd, int reply_fd) {
         return kExitPipeBroken;
     }
     if (request.empty()) return kExitStopped;  // the stop message
-    const std::string reply = tessmar::host::AnswerRequest(request, &g_hostFuncs);
+    std::string reply = tessmar::host::AnswerRequest(request, &g_hostFuncs);
+    if (!tessmar::host::MakeRoomForMessage(reply_fd, reply.size())) {
+      // The library would read it short and fall out of step; "no reply"
+      // keeps both sides in step.
+      std::fprintf(stderr,
+                   "TessmarFirefox: a %zu-byte reply does not fit the reply "
+                   "pipe; sending no reply instead\n",
+                   reply.size());
+      reply.clear();
+    }
     if (!tessmar::host::WriteMessage(reply_fd, reply, "reply")) {
       return kExitPipeBroken;
     }
