@@ -11,7 +11,6 @@
 
 #include "config/json_document.h"
 #include "tessmar/config.h"
-#include "tessmar/modhost.h"
 
 namespace tessmar::bridge {
 
@@ -35,26 +34,27 @@ inline std::string VersionsAnswer(const JsonDocument& request) {
 
 // Answers `length` bytes of `request`. A non-empty "init" selects a version
 // query ("get_version", "get_versions"; any other value answers "" and
-// reaches no module); everything else goes to process_request with `host`.
+// reaches no module); everything else goes to the module host, which
+// `process` stands for: it is called with the request's parsed tree and
+// returns process_request's answer, so the library can hand the tree on
+// instead of parsing the text twice.
+template <typename ModuleHost>
 inline std::string AnswerLocally(const char* request, std::size_t length,
-                                 QXHostFuncs* host, AnswerSource* source) {
-  {
-    const JsonDocument parsed(request, length);
-    const std::string init = parsed.String("init");
-    if (!init.empty()) {
-      *source = AnswerSource::kVersionQuery;
-      std::string module = parsed.String("module");
-      if (module.empty()) module = "morrowhost";
-      if (init == "get_version") {
-        return "\"version: " + GetClientVersion(module.c_str()) + "\"";
-      }
-      if (init == "get_versions") return VersionsAnswer(parsed);
-      return std::string();
-    }
+                                 AnswerSource* source, ModuleHost&& process) {
+  const JsonDocument parsed(request, length);
+  const std::string init = parsed.String("init");
+  if (init.empty()) {
+    *source = AnswerSource::kModuleHost;
+    return process(parsed);
   }
-  *source = AnswerSource::kModuleHost;
-  // The length is handed over as a 32-bit int, as module hosts expect.
-  return process_request(nullptr, request, static_cast<int>(length), host);
+  *source = AnswerSource::kVersionQuery;
+  std::string module = parsed.String("module");
+  if (module.empty()) module = "morrowhost";
+  if (init == "get_version") {
+    return "\"version: " + GetClientVersion(module.c_str()) + "\"";
+  }
+  if (init == "get_versions") return VersionsAnswer(parsed);
+  return std::string();
 }
 
 }  // namespace tessmar::bridge

@@ -1,5 +1,6 @@
 // The JSON reply envelope around every module answer.
 #include <string>
+#include <string_view>
 
 #include "tessmar/modhost.h"
 
@@ -22,16 +23,19 @@ std::string BuildReplyEnvelope(const char* id, const char* tabid, int status,
   if (id == nullptr) return std::string();
   // The irregular blanks are part of the format extensions parse; the
   // pieces are not escaped and the reply goes in as raw JSON.
-  std::string envelope = "{\"response\": {\"id\": \"";
-  envelope += id;
-  envelope += "\", \"tabid\":\"";
-  if (tabid != nullptr) envelope += tabid;
-  envelope += "\", \"status\":\"";
-  envelope += StatusWord(status);
-  envelope += "\", \"reply\":";
-  envelope += (reply != nullptr && *reply != '\0') ? reply : "{}";
-  envelope += ", \"callback\": \"";
-  if (callback != nullptr) envelope += callback;
-  envelope += "\"}}";
+  static constexpr std::string_view kPieces[] = {
+      "{\"response\": {\"id\": \"", "\", \"tabid\":\"", "\", \"status\":\"",
+      "\", \"reply\":", ", \"callback\": \"", "\"}}"};
+  const std::string_view fields[] = {
+      id, tabid != nullptr ? tabid : "", StatusWord(status),
+      (reply != nullptr && *reply != '\0') ? reply : "{}",
+      callback != nullptr ? callback : ""};
+  std::size_t size = kPieces[5].size();
+  for (int i = 0; i < 5; ++i) size += kPieces[i].size() + fields[i].size();
+
+  std::string envelope;
+  envelope.reserve(size);  // one allocation for the whole text
+  for (int i = 0; i < 5; ++i) envelope.append(kPieces[i]).append(fields[i]);
+  envelope.append(kPieces[5]);
   return envelope;
 }

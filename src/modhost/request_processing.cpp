@@ -4,6 +4,7 @@
 #include <string>
 
 #include "config/json_document.h"
+#include "modhost/request_processing.h"
 #include "tessmar/modhost.h"
 
 namespace {
@@ -49,27 +50,26 @@ std::string WrapAnswer(const RequestFields& request, QxClientFuncs* funcs,
 
 // The reply of one module to the request; `module_override`, when non-empty,
 // replaces the request's own "module".
-std::string DispatchToModule(const tessmar::JsonDocument& parsed,
+std::string DispatchToModule(const RequestFields& request,
                              const char* module_override, const char* text,
                              QXHostFuncs* host) {
-  const RequestFields request(parsed);
   if (request.id.empty()) return std::string();
 
-  std::string target = kDefaultModule;
-  if (!request.module.empty()) target = request.module;
+  const char* target = kDefaultModule;
+  if (!request.module.empty()) target = request.module.c_str();
   if (module_override != nullptr && *module_override != '\0') {
     target = module_override;
   }
 
-  QxClientFuncs* funcs = GetInvoke(target.c_str());
+  QxClientFuncs* funcs = GetInvoke(target);
   if (funcs == nullptr) {
-    switch (LoadQxClient(target.c_str(), host)) {
+    switch (LoadQxClient(target, host)) {
       case QX_LOAD_INSTALLATION_BLOCKED:
         return Envelope(request, REPLY_BLOCK_QX, nullptr);
       case QX_LOAD_CLIENT_BLOCKED:
         return Envelope(request, REPLY_BLOCK_CLIENT, nullptr);
       case QX_LOAD_OK:
-        funcs = GetInvoke(target.c_str());
+        funcs = GetInvoke(target);
         break;
       default:
         return Envelope(request, REPLY_FALSE, nullptr);
@@ -96,27 +96,26 @@ std::string DispatchToModule(const tessmar::JsonDocument& parsed,
 
 }  // namespace
 
-std::string process_request(void* /*context*/, const char* text, int length,
-                            QXHostFuncs* host) {
-  if (text == nullptr || length < 0) return std::string();
-  const tessmar::JsonDocument parsed(text, static_cast<std::size_t>(length));
-  if (!parsed.parsed()) return std::string();
+namespace tessmar {
 
+std::string AnswerParsedRequest(const JsonDocument& parsed, const char* text,
+                                std::size_t length, QXHostFuncs* host) {
+  if (!parsed.parsed()) return std::string();
   const RequestFields request(parsed);
   if (request.cmd != "native" && request.cmd != "setcallback") {
     return std::string();
   }
 
   if (parsed.IsTrue("echo")) {
-    std::string answer = "{\"reply\":{\"status\":\"0\", \"reply\":";
-    answer.append(text, static_cast<std::size_t>(length));
-    answer += "}}";
+    constexpr char kHead[] = "{\"reply\":{\"status\":\"0\", \"reply\":";
+    std::string answer;
+    answer.reserve(sizeof kHead - 1 + length + 2);
+    answer.append(kHead, sizeof kHead - 1).append(text, length).append("}}");
     return Envelope(request, REPLY_TRUE, answer.c_str());
   }
 
-  const std::string request_text(text, static_cast<std::size_t>(length));
   if (request.module != kBroadcast) {
-    return DispatchToModule(parsed, nullptr, request_text.c_str(), host);
+    return DispatchToModule(request, nullptr, text, host);
   }
 
   // Broadcast to the modules loaded already; none is loaded for it, and
@@ -125,7 +124,20 @@ std::string process_request(void* /*context*/, const char* text, int length,
   char* position = nullptr;
   for (char* name = strtok_r(&names[0], ",", &position); name != nullptr;
        name = strtok_r(nullptr, ",", &position)) {
-    DispatchToModule(parsed, name, request_text.c_str(), host);
+    DispatchToModule(request, name, text, host);
   }
   return Envelope(request, REPLY_TRUE, nullptr);
+}
+
+}  // namespace tessmar
+
+std::string process_request(void* /*context*/, const char* text, int length,
+                            QXHostFuncs* host) {
+  if (text == nullptr || length < 0) return std::string();
+  const tessmar::JsonDocument parsed(text, static_cast<std::size_t>(length));
+  if (!parsed.parsed()) return std::string();
+  // Modules receive exactly `length` bytes as a C string.
+  const std::string request(text, static_cast<std::size_t>(length));
+  return tessmar::AnswerParsedRequest(parsed, request.c_str(), request.size(),
+                                      host);
 }
