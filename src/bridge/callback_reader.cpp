@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
+#include <utility>
 
 #include "bridge/bridge_state.h"
 
@@ -13,7 +15,6 @@ namespace tessmar::bridge {
 void* ReadCallbackThread(void* /*unused*/) {
   // A partial length keeps the previous message's remaining length bytes.
   uint64_t length = 0;
-  std::string message;
   while (cb_loop != 0) {
     const ssize_t got = read(cb_fifo, &length, 4);
     // The fsync goes to the reply FIFO's descriptor, as it always has; its
@@ -34,9 +35,9 @@ void* ReadCallbackThread(void* /*unused*/) {
       std::free(buffer);
       return nullptr;
     }
-    message.assign(buffer, length);  // NULs included
+    std::string message(buffer, length);  // NULs included
     std::free(buffer);
-    QueueCallback(message);
+    QueueCallback(std::move(message));
   }
   return nullptr;
 }

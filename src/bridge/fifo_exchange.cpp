@@ -48,9 +48,9 @@ char* ExchangeWithHost(const char* request) {
     return nullptr;
   }
   fsync(r_fifo);
-  const std::string body(buffer, length);
-  std::free(buffer);
-  return MallocCopy(body);  // cut at the body's first NUL, if any
+  // The zero-filled buffer already is the NUL-terminated text the extension
+  // gets, ending at the body's first NUL if it holds one; no copy is needed.
+  return buffer;
 }
 
 }  // namespace tessmar::bridge

@@ -27,6 +27,7 @@ TEST(ReferenceHostTest, AnswersEveryRequestAsTheInProcessPathDoes) {
                    R"("Version":"3.1.0.7"})");
   const std::vector<std::string> requests = {
       R"({"init":"get_version"})",
+      R"({"\u0069nit":"get_version","module":"absent"})",
       R"({"init":"get_versions","m":"morrowhost,absent","pv":"1.2.3.5"})",
       R"({"cmd":"native","id":"7","tabid":"t","callback":"cb","echo":true})",
       R"({"cmd":"native","id":"8","module":"absent"})",
@@ -36,6 +37,7 @@ TEST(ReferenceHostTest, AnswersEveryRequestAsTheInProcessPathDoes) {
   RunScenario([&] {
     const std::vector<std::string> in_process = InvokeAll(requests);
     EXPECT_EQ("\"version: 3.1.0.7\"", in_process[0]);
+    EXPECT_EQ("\"version: \"", in_process[1]);
     ASSERT_EQ(0, tsmx_Startup());
     EXPECT_EQ(in_process, InvokeAll(requests));
     // "" cannot be framed: the host's empty answer is a zero-length reply.
