@@ -8,14 +8,17 @@
 #ifndef TESSMAR_PRODUCT
 #error "TESSMAR_PRODUCT must be set by the build"
 #endif
+#ifndef TESSMAR_IDENTITY_SYSTEM_DIR
+#error "TESSMAR_IDENTITY_SYSTEM_DIR must be set by the build"
+#endif
 
 namespace tessmar {
 namespace {
 
 // Sibling builds that trust their client modules without reading them.
 constexpr BuildIdentity kUncheckedIdentities[] = {
-    {"dunwell", "copperlanternx"},
-    {"pelmora", "tidewinderx"},
+    {"dunwell", "copperlanternx", nullptr},
+    {"pelmora", "tidewinderx", nullptr},
 };
 
 bool IsUncheckedIdentity() {
@@ -32,7 +35,8 @@ bool IsUncheckedIdentity() {
 }  // namespace
 
 const BuildIdentity& ThisBuild() {
-  static constexpr BuildIdentity kIdentity = {TESSMAR_MAKER, TESSMAR_PRODUCT};
+  static constexpr BuildIdentity kIdentity = {TESSMAR_MAKER, TESSMAR_PRODUCT,
+                                              TESSMAR_IDENTITY_SYSTEM_DIR};
   return kIdentity;
 }
 

@@ -11,6 +11,9 @@ namespace tessmar {
 struct BuildIdentity {
   const char* maker;    // e.g. "pelmora"
   const char* product;  // e.g. "morrowhost"
+  // The system configuration directory, "/usr/share/Pelmora/Tessmar/
+  // morrowhost" unless the build chose another.
+  const char* system_config_directory;
 };
 
 // Defined in build_identity.cpp, the one translation unit compiled with the

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "config/build_identity.h"
 #include "config/config_location.h"
 #include "tessmar/config.h"
 
@@ -31,7 +32,8 @@ std::string LocateConfigFile(const std::string& name) {
     std::string user = user_directory + "/" + name;
     if (Exists(user)) return user;
   }
-  std::string system = std::string(kSystemConfigDirectory) + "/" + name;
+  std::string system =
+      std::string(ThisBuild().system_config_directory) + "/" + name;
   return Exists(system) ? system : std::string();
 }
 

@@ -10,8 +10,10 @@ namespace tessmar {
 // the bridge's FIFOs.
 inline constexpr char kUserConfigSubdirectory[] =
     "/.config/Pelmora/Tessmar/morrowhost";
-inline constexpr char kSystemConfigDirectory[] =
-    "/usr/share/Pelmora/Tessmar/morrowhost";
+// The system directory this build was configured with; the library itself
+// takes it from its build identity (config/build_identity.h), which tests
+// can replace.
+inline constexpr char kSystemConfigDirectory[] = TESSMAR_SYSTEM_CONFIG_DIR;
 
 // HOME + kUserConfigSubdirectory, or "" when HOME is unset.
 std::string UserConfigDirectory();

@@ -13,36 +13,68 @@
 
 namespace {
 
+using tessmar::testing::MakeDirectories;
 using tessmar::testing::TempHome;
+using tessmar::testing::WriteFile;
 
-// The system directory's file of that name if this machine has one, else "".
-std::string SystemFile(const std::string& name) {
-  const std::string path = "/usr/share/Pelmora/Tessmar/morrowhost/" + name;
-  return access(path.c_str(), F_OK) == 0 ? path : std::string();
-}
+// This test's library was built with a system configuration directory in
+// the build tree; it is emptied around each test.
+class SystemDir {
+ public:
+  SystemDir() {
+    Clear();
+    MakeDirectories(TESSMAR_TEST_SYSTEM_DIR);
+  }
+  ~SystemDir() { Clear(); }
+  std::string Write(const std::string& name, const std::string& text) const {
+    const std::string path = std::string(TESSMAR_TEST_SYSTEM_DIR) + "/" + name;
+    WriteFile(path, text);
+    return path;
+  }
 
-TEST(ConfigLocation, UserDirectoryUnderHomeThenTheSystemDirectory) {
+ private:
+  static void Clear() {
+    const std::string command = "rm -rf '" TESSMAR_TEST_SYSTEM_DIR "'";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+  }
+};
+
+TEST(ConfigLocation, EachUserFileHidesTheSystemFileOfItsName) {
   TempHome home;
-  home.ConfigDir();
-  EXPECT_EQ(_GetConfigPath(), SystemFile("config.json"));
-  EXPECT_EQ(_GetModuleConfigPath("reader"), SystemFile("reader.json"));
-  const std::string config = home.WriteConfig("config.json", R"({"Tessmar":"/opt/user"})");
-  const std::string reader = home.WriteConfig("reader.json", "{}");
+  const SystemDir system;
+  const std::string system_config =
+      system.Write("config.json", R"({"Tessmar":"/opt/system","Version":"1.0.0.1"})");
+  const std::string system_reader = system.Write(
+      "reader.json", R"({"Name":"reader","Path":"/s","Sig":"s","Version":"1.0.0.2"})");
+  EXPECT_EQ(_GetConfigPath(), system_config);
+  EXPECT_EQ(GetTessmarInstallPath(), "/opt/system");
+  EXPECT_EQ(GetClientVersion("reader"), "1.0.0.2");
+
+  // The user's config.json hides the system one whole, though it lacks
+  // "Tessmar"; module files are looked up one by one.
+  const std::string config = home.WriteConfig("config.json", R"({"Version":"2.0.0.0"})");
   EXPECT_EQ(config, home.path() + "/.config/Pelmora/Tessmar/morrowhost/config.json");
   EXPECT_EQ(_GetConfigPath(), config);
+  EXPECT_EQ(GetTessmarInstallPath(), "");
+  EXPECT_EQ(GetCurrentVersion(nullptr), "2.0.0.0");
+  EXPECT_EQ(_GetModuleConfigPath("reader"), system_reader);
+  const std::string reader = home.WriteConfig("reader.json", "{}");
   EXPECT_EQ(_GetModuleConfigPath("reader"), reader);
-  EXPECT_EQ(_GetModuleConfigPath("writer"), SystemFile("writer.json"));
+  EXPECT_EQ(GetClientVersion("reader"), "");
+  EXPECT_EQ(_GetModuleConfigPath("writer"), "");
+
   // An empty or null module name is never looked up, even with a ".json".
   home.WriteConfig(".json", R"({"Name":"x","Path":"/x","Sig":"s","Version":"1.0.0.0"})");
   EXPECT_EQ(_GetModuleConfigPath(""), "");
   EXPECT_EQ(_GetModuleConfigPath(nullptr), "");
   EXPECT_EQ(GetClientVersion(""), "");
   EXPECT_EQ(GetClientInstallPathModule(nullptr, false), "");
+
   // Unset HOME: only the system directory is tried.
   ASSERT_EQ(unsetenv("HOME"), 0);  // TempHome restores it
-  EXPECT_EQ(_GetConfigPath(), SystemFile("config.json"));
-  EXPECT_EQ(_GetModuleConfigPath("reader"), SystemFile("reader.json"));
-  EXPECT_NE(GetTessmarInstallPath(), "/opt/user");
+  EXPECT_EQ(_GetConfigPath(), system_config);
+  EXPECT_EQ(_GetModuleConfigPath("reader"), system_reader);
+  EXPECT_EQ(GetTessmarInstallPath(), "/opt/system");
 }
 
 TEST(ConfigLocation, ExistenceAloneCountsSoADirectoryHidesTheSystemFile) {
