@@ -9,6 +9,7 @@ packages=(
   libgtest-dev             # unit tests
   libbenchmark-dev         # benchmarks
   libssl-dev               # OpenSSL: test and benchmark oracle only
+  dpkg-dev lintian         # the Debian package: dependencies and checks
 )
 
 missing=()

@@ -30,4 +30,13 @@ export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 suite tests ""
 suite tests-asan "address,undefined"
 suite tests-tsan "thread" -L concurrency
+
+# The Debian package: built, installed, driven in both modes and purged.
+if [ "$(id -u)" -eq 0 ]; then
+  echo "=== Debian package (build/package)"
+  deb=$(bash "$root/scripts/package.sh" | tail -n 1)
+  bash "$root/tests/packaging/package_test.sh" "$deb"
+else
+  echo "=== Debian package test SKIPPED: it installs a package and needs root"
+fi
 echo "=== all tests passed"

@@ -93,20 +93,22 @@ TEST(ReferenceHostTest, CarriesModuleRepliesAndCallbacksAsInProcess) {
       << "the host unloads its modules on the stop message";
 }
 
-// Installed copies from the staging prefix of this build tree.
+// The host as installed into a staging prefix of this build tree: in the
+// installation directory beside the library, and in a bin/ directory next
+// to the library directory.
 TEST(ReferenceHostTest, StartsFromEitherInstalledLayout) {
   TempHome home;
-  const std::string staging = TESSMAR_TEST_STAGING;
-  const std::string bin = staging + "/" TESSMAR_TEST_BINDIR;
-  // An installation directory holding the host beside the library.
-  const std::string flat = home.path() + "/flat";
-  MakeDirectories(flat);
-  WriteFile(flat + "/TessmarFirefox", ReadFile(bin + "/TessmarFirefox"));
-  ASSERT_EQ(0, chmod((flat + "/TessmarFirefox").c_str(), 0755));
-  WriteFile(flat + "/libTessmarFirefox.so",
-            ReadFile(staging + "/" TESSMAR_TEST_LIBDIR "/libTessmarFirefox.so"));
+  const std::string installed = TESSMAR_TEST_STAGING "/" TESSMAR_TEST_INSTALL_DIR;
+  const std::string prefix = home.path() + "/prefix";
+  MakeDirectories(prefix + "/bin");
+  MakeDirectories(prefix + "/" TESSMAR_TEST_LIBDIR);
+  WriteFile(prefix + "/bin/TessmarFirefox",
+            ReadFile(installed + "/TessmarFirefox"));
+  ASSERT_EQ(0, chmod((prefix + "/bin/TessmarFirefox").c_str(), 0755));
+  WriteFile(prefix + "/" TESSMAR_TEST_LIBDIR "/libTessmarFirefox.so",
+            ReadFile(installed + "/libTessmarFirefox.so"));
 
-  for (const std::string& dir : {flat, bin}) {
+  for (const std::string& dir : {installed, prefix + "/bin"}) {
     SCOPED_TRACE(dir);
     home.WriteConfig("config.json", "{\"Tessmar\":\"" + dir +
                                         "\",\"Version\":\"1.2.3.4\"}");
