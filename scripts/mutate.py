@@ -1,0 +1,238 @@
+#!/usr/bin/env python3
+"""Mutation testing for the library's sources: how many deliberate faults do
+the tests catch?
+
+  scripts/mutate.py generate [--per-file N]   rewrite scripts/mutations.tsv
+  scripts/mutate.py run [--only TEXT] [--build DIR] [--timeout S]
+  scripts/mutate.py list
+
+`generate` scans the sources for places where a typical mistake can be made
+(a flipped comparison or logical operator, an off-by-one, a changed constant
+or status code, a deleted call, a changed letter in one of the reply texts)
+and keeps at most N of them per file (src/**/*.cpp and *.h), picked deterministically. The list is
+committed; regenerate it when the code moves (a mutant whose line no longer
+holds its text is reported as stale, not run).
+
+`run` applies one mutant at a time to the working tree, rebuilds the build
+directory incrementally (configured on first use, tests on, benchmarks off),
+runs the whole CTest suite, and restores the file whatever happens. A mutant
+is killed when the build or a test fails or times out. A mutant may be marked
+equivalent in the list's last column (with the reason); it is then skipped.
+The summary gives killed/survived per subsystem (src/<subsystem>/) and lists
+the survivors.
+
+A developer tool, not part of the test command. Exit status: 0 done, 1 a
+mutant could not be restored or the baseline suite fails, 2 bad arguments.
+"""
+import argparse
+import hashlib
+import pathlib
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+LIST = ROOT / "scripts" / "mutations.tsv"
+
+# (kind, pattern, replacement); applied to one occurrence at a time.
+OPERATORS = [
+    ("flip", r" == ", " != "),
+    ("flip", r" != ", " == "),
+    ("boundary", r" < ", " <= "),
+    ("boundary", r" <= ", " < "),
+    ("boundary", r" > ", " >= "),
+    ("boundary", r" >= ", " > "),
+    ("logic", r" && ", " || "),
+    ("logic", r" \|\| ", " && "),
+    ("off-by-one", r" \+ 1\b", " + 2"),
+    ("off-by-one", r" - 1\b", " - 2"),
+    ("constant", r"\breturn 0;", "return 1;"),
+    ("constant", r"\breturn true;", "return false;"),
+    ("constant", r"\breturn false;", "return true;"),
+    ("constant", r"\b0x1[0-9A-Fa-f]{4,5}\b", None),  # status code + 1
+    ("literal", r'"(TRUE|FALSE|BLOCK:QX|BLOCK:CLIENT|morrowhost|_all_|'
+                r'get_version|get_versions|setcallback|native)"', None),
+]
+DELETABLE = re.compile(
+    r"^\s*(?:std::)?(fsync|close|unlink|free|memset|memcpy|mkfifo|"
+    r"pthread_join|waitpid|QueueCallback|Terminate|FreeString)\b.*;\s*$")
+
+
+def source_files():
+    return sorted(p for p in (ROOT / "src").rglob("*") if p.suffix in (".cpp", ".h"))
+
+
+def code_lines(path):
+    """(number, text) of the lines worth mutating: no comments, includes or
+    static tables."""
+    for number, text in enumerate(path.read_text().splitlines(), 1):
+        stripped = text.strip()
+        if (not stripped or stripped.startswith(("//", "#", "*", "/*"))
+                or "static_assert" in stripped):
+            continue
+        yield number, text
+
+
+def candidates(path):
+    for number, text in code_lines(path):
+        code = text.split("//")[0]
+        for kind, pattern, replacement in OPERATORS:
+            for match in re.finditer(pattern, code):
+                original = match.group(0)
+                if replacement is not None:
+                    mutated = re.sub(pattern, replacement, original)
+                elif kind == "constant":
+                    mutated = "0x%X" % (int(original, 16) + 1)
+                else:  # a reply text with its second letter changed
+                    word = original[1:-1]
+                    mutated = '"%s%s%s"' % (word[0], "#", word[2:])
+                yield (number, kind, original, mutated, match.start())
+        if DELETABLE.match(code):
+            statement = code.strip()
+            yield (number, "delete", statement, ";", code.index(statement))
+
+
+def generate(per_file):
+    rows = []
+    for path in source_files():
+        found = list(candidates(path))
+        # Deterministic pick, spread over the file and the kinds.
+        found.sort(key=lambda c: hashlib.sha1(
+            ("%s:%d:%s:%d" % (path.name, c[0], c[2], c[4])).encode()).hexdigest())
+        for number, kind, original, mutated, column in sorted(
+                found[:per_file]):
+            rel = path.relative_to(ROOT)
+            rows.append("\t".join([str(rel), str(number), str(column), kind,
+                                   original, mutated, ""]))
+    header = ("# file\tline\tcolumn\tkind\toriginal\tmutated\t"
+              "equivalent (reason, when the mutant cannot change behaviour)")
+    LIST.write_text(header + "\n" + "\n".join(rows) + "\n")
+    print("%d mutants in %s" % (len(rows), LIST.relative_to(ROOT)))
+
+
+def load():
+    mutants = []
+    for line in LIST.read_text().splitlines():
+        if line.startswith("#") or not line.strip():
+            continue
+        fields = line.split("\t")
+        fields += [""] * (7 - len(fields))
+        file, number, column, kind, original, mutated, equivalent = fields[:7]
+        mutants.append(dict(file=file, line=int(number), column=int(column),
+                            kind=kind, original=original, mutated=mutated,
+                            equivalent=equivalent))
+    return mutants
+
+
+def describe(m):
+    return "%s:%d %s %r -> %r" % (m["file"], m["line"], m["kind"],
+                                   m["original"], m["mutated"])
+
+
+def build_and_test(build, timeout):
+    """True when the suite passes (the mutant survives)."""
+    built = subprocess.run(["cmake", "--build", str(build), "-j2"],
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    if built.returncode != 0:
+        return False
+    try:
+        tested = subprocess.run(
+            ["ctest", "--test-dir", str(build), "-j2", "--timeout",
+             str(timeout), "--stop-on-failure"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            timeout=timeout * 4)
+    except subprocess.TimeoutExpired:
+        return False
+    return tested.returncode == 0
+
+
+def run(only, build, timeout):
+    build = pathlib.Path(build)
+    if not (build / "CMakeCache.txt").exists():
+        subprocess.run(["cmake", "-S", str(ROOT), "-B", str(build), "-G",
+                        "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+                        "-DTESSMAR_BUILD_BENCH=OFF"], check=True,
+                       stdout=subprocess.DEVNULL)
+    if not build_and_test(build, timeout):
+        print("the suite fails without any mutant; fix that first",
+              file=sys.stderr)
+        return 1
+    results = {}  # subsystem -> [killed, survived, stale, equivalent]
+    survivors = []
+    for m in load():
+        if only and only not in describe(m):
+            continue
+        subsystem = pathlib.Path(m["file"]).parts[1]
+        counts = results.setdefault(subsystem, [0, 0, 0, 0])
+        if m["equivalent"]:
+            counts[3] += 1
+            continue
+        path = ROOT / m["file"]
+        original_text = path.read_text()
+        lines = original_text.splitlines(keepends=True)
+        line = lines[m["line"] - 1] if m["line"] <= len(lines) else ""
+        col = m["column"]
+        if line[col:col + len(m["original"])] != m["original"]:
+            counts[2] += 1
+            print("stale    " + describe(m))
+            continue
+        lines[m["line"] - 1] = (line[:col] + m["mutated"] +
+                                line[col + len(m["original"]):])
+        try:
+            path.write_text("".join(lines))
+            survived = build_and_test(build, timeout)
+        finally:
+            path.write_text(original_text)
+        if path.read_text() != original_text:
+            print("could not restore " + m["file"], file=sys.stderr)
+            return 1
+        counts[1 if survived else 0] += 1
+        print(("SURVIVED " if survived else "killed   ") + describe(m),
+              flush=True)
+        if survived:
+            survivors.append(describe(m))
+    build_and_test(build, timeout)  # leave the build matching the sources
+    print("\n| subsystem | killed | survived | stale | equivalent |")
+    print("|---|---:|---:|---:|---:|")
+    total = [0, 0, 0, 0]
+    for subsystem in sorted(results):
+        counts = results[subsystem]
+        total = [a + b for a, b in zip(total, counts)]
+        print("| %s | %d | %d | %d | %d |" % ((subsystem,) + tuple(counts)))
+    print("| all | %d | %d | %d | %d |" % tuple(total))
+    run_count = total[0] + total[1]
+    if run_count:
+        print("\nkilled %.1f%% of %d non-equivalent mutants"
+              % (100.0 * total[0] / run_count, run_count))
+    for survivor in survivors:
+        print("survivor: " + survivor)
+    return 0
+
+
+def main():
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    sub = parser.add_subparsers(dest="command", required=True)
+    g = sub.add_parser("generate", help="rewrite scripts/mutations.tsv")
+    g.add_argument("--per-file", type=int, default=4)
+    r = sub.add_parser("run", help="run the mutants")
+    r.add_argument("--only", default="", help="run mutants whose description "
+                   "contains this text (a file name, a kind)")
+    r.add_argument("--build", default=str(ROOT / "build" / "mutate"))
+    r.add_argument("--timeout", type=int, default=60,
+                   help="seconds per test")
+    sub.add_parser("list", help="print the mutants")
+    args = parser.parse_args()
+    if args.command == "generate":
+        generate(args.per_file)
+        return 0
+    if args.command == "list":
+        for m in load():
+            print(describe(m) + (" [equivalent: %s]" % m["equivalent"]
+                                 if m["equivalent"] else ""))
+        return 0
+    return run(args.only, args.build, args.timeout)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
