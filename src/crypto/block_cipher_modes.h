@@ -12,6 +12,12 @@
 //     the advanced position back, so each call starts a fresh keystream block.
 // crypt_CFB serves both 0x40 and 0x46; the difference lies only in which
 // block function init_BlockCipher installed.
+//
+// Whole blocks go through the active AES variant's bulk functions when the
+// context's block function is AES_encrypt_block or AES_decrypt_block; any
+// other block function is called once per block. Either way the results,
+// the register and the keystream block end up as the byte-wise definition
+// of each mode leaves them.
 #ifndef TESSMAR_SRC_CRYPTO_BLOCK_CIPHER_MODES_H
 #define TESSMAR_SRC_CRYPTO_BLOCK_CIPHER_MODES_H
 
