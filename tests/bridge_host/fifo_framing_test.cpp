@@ -1,6 +1,8 @@
 // The FIFO framing between tsmx_Invoke, the callback reader and a host,
 // checked byte for byte against a scripted host.
+#include <atomic>
 #include <cstdint>
+#include <thread>
 #include <utility>
 
 #include "bridge_host/host_fixture.h"
@@ -67,6 +69,28 @@ TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
     for (const auto& exchange : c.exchanges) framed += Frame(exchange.first);
     EXPECT_EQ(framed + Frame(""), ReadFile(home.path() + "/input"));
   }
+}
+
+// A host that takes a request and dies: the reply is waited for without end,
+// until tsmx_End retires the descriptors and the read fails for good.
+TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
+  TempHome home;
+  InstallHost(home, SelfExecutable());
+  RunScenario([&] {
+    HostScript().Read().Use(home.path());
+    ASSERT_EQ(0, tsmx_Startup());
+    std::atomic<bool> returned{false};
+    std::string reply;
+    std::thread invoker([&] {
+      reply = InvokeText("{}");
+      returned = true;
+    });
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_FALSE(returned) << "gave up on the host";
+    tsmx_End();
+    invoker.join();
+    EXPECT_EQ("<null>", reply);
+  });
 }
 
 }  // namespace

@@ -95,6 +95,9 @@ TEST(BridgeStartupTest, ReplacesLeftoversAndStartsTheHostWithItsPathAlone) {
     tsmx_End();
     g_watchCloses = false;
     EXPECT_EQ(0, g_closedWhileInUse) << "closed before being taken out of use";
+    errno = 0;
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "the host was not reaped";
+    EXPECT_EQ(ECHILD, errno);
     ExpectFifos("absent");
     tsmx_End();  // repeated: must neither hang nor crash
   });
