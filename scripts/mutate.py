@@ -93,19 +93,31 @@ def candidates(path):
 
 
 def generate(per_file):
+    # Reasons given for equivalent mutants survive a regeneration as long as
+    # their line of code is unchanged.
+    reasons = {}
+    if LIST.exists():
+        for m in load():
+            if m["equivalent"]:
+                reasons[(m["file"], m["code"], m["column"], m["original"])] = \
+                    m["equivalent"]
     rows = []
     for path in source_files():
         found = list(candidates(path))
-        # Deterministic pick, spread over the file and the kinds.
-        found.sort(key=lambda c: hashlib.sha1(
-            ("%s:%d:%s:%d" % (path.name, c[0], c[2], c[4])).encode()).hexdigest())
+        lines = path.read_text().splitlines()
+        # Deterministic pick, spread over the file and the kinds; keyed by
+        # the code itself so that moving a line does not change the pick.
+        found.sort(key=lambda c: hashlib.sha1(("%s:%s:%s:%d" % (
+            path.name, lines[c[0] - 1].strip(), c[2], c[4])).encode()).hexdigest())
         for number, kind, original, mutated, column in sorted(
                 found[:per_file]):
-            rel = path.relative_to(ROOT)
-            rows.append("\t".join([str(rel), str(number), str(column), kind,
-                                   original, mutated, ""]))
+            rel = str(path.relative_to(ROOT))
+            code = lines[number - 1].strip()
+            reason = reasons.get((rel, code, column, original), "")
+            rows.append("\t".join([rel, str(number), str(column), kind,
+                                   original, mutated, reason, code]))
     header = ("# file\tline\tcolumn\tkind\toriginal\tmutated\t"
-              "equivalent (reason, when the mutant cannot change behaviour)")
+              "equivalent (why the mutant cannot change behaviour)\tcode")
     LIST.write_text(header + "\n" + "\n".join(rows) + "\n")
     print("%d mutants in %s" % (len(rows), LIST.relative_to(ROOT)))
 
@@ -116,11 +128,12 @@ def load():
         if line.startswith("#") or not line.strip():
             continue
         fields = line.split("\t")
-        fields += [""] * (7 - len(fields))
-        file, number, column, kind, original, mutated, equivalent = fields[:7]
+        fields += [""] * (8 - len(fields))
+        file, number, column, kind, original, mutated, equivalent, code = \
+            fields[:8]
         mutants.append(dict(file=file, line=int(number), column=int(column),
                             kind=kind, original=original, mutated=mutated,
-                            equivalent=equivalent))
+                            equivalent=equivalent, code=code))
     return mutants
 
 
