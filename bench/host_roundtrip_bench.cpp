@@ -22,6 +22,7 @@
 #include <fstream>
 #include <string>
 
+#include "echo_request.h"
 #include "tessmar/bridge.h"
 
 namespace {
@@ -31,16 +32,6 @@ constexpr char kConfigSubdirectory[] = "/.config/Pelmora/Tessmar/morrowhost";
 int g_pingRequest = -1;  // parent's write end
 int g_pingReply = -1;    // parent's read end
 pid_t g_pingPeer = -1;
-
-// An echo request of exactly `size` bytes: answered by the module host
-// without loading any module, so the installation need not be signed.
-std::string EchoRequest(std::size_t size) {
-  const std::string head =
-      R"({"cmd":"native","id":"1","tabid":"t","callback":"c","echo":true,)"
-      R"("pad":")";
-  const std::string tail = "\"}";
-  return head + std::string(size - head.size() - tail.size(), 'x') + tail;
-}
 
 bool ReadFully(int fd, void* buffer, std::size_t size) {
   auto* bytes = static_cast<char*>(buffer);

@@ -9,18 +9,10 @@
 #include <cstring>
 #include <string>
 
+#include "echo_request.h"
 #include "tessmar/bridge.h"
 
 namespace {
-
-// An echo request of exactly `size` bytes.
-std::string EchoRequest(std::size_t size) {
-  const std::string head =
-      R"({"cmd":"native","id":"1","tabid":"t","callback":"c","echo":true,)"
-      R"("pad":")";
-  const std::string tail = "\"}";
-  return head + std::string(size - head.size() - tail.size(), 'x') + tail;
-}
 
 void BM_InvokeInProcess(benchmark::State& state) {
   const std::string request =
