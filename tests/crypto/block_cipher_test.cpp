@@ -1,6 +1,7 @@
 // The streaming block-cipher context: published vectors, OpenSSL as an oracle
 // where the textbook modes apply, each deliberate departure from them, and the
-// status codes. Buffers handed over are exact-size heap vectors, for ASan.
+// status codes, on every variant of the AES core this CPU runs. Buffers handed
+// over are exact-size heap vectors, for ASan.
 #include "tessmar/block_cipher.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "crypto/aes_variants.h"
+
 namespace {
+
+using tessmar::crypto::testing_support::AesVariantName;
+using tessmar::crypto::testing_support::AesVariantTest;
+using tessmar::crypto::testing_support::kAesVariantNames;
 
 using Bytes = std::vector<unsigned char>;
 using Chunks = std::vector<uint32_t>;
@@ -171,7 +178,11 @@ const Vector kVectors[] = {
      "2b0930daa23de94ce87017ba2d84988ddfc9c58db67aada613c2dd08457941a6"},
 };
 
-TEST(BlockCipher, PublishedVectorsWholeAndBlockwiseBothDirections) {
+class BlockCipher : public AesVariantTest {};
+INSTANTIATE_TEST_SUITE_P(Variants, BlockCipher, testing::ValuesIn(kAesVariantNames),
+                         AesVariantName);
+
+TEST_P(BlockCipher, PublishedVectorsWholeAndBlockwiseBothDirections) {
   for (const Vector& v : kVectors) {
     SCOPED_TRACE(v.name);
     const Bytes key = v.algorithm == BC_ALG_AES128 ? kKey128 : kKey256;
@@ -216,7 +227,7 @@ Chunks TextbookChunks(std::mt19937& rng, uint32_t total, bool block_mode) {
   return chunks;
 }
 
-TEST(BlockCipher, MatchesOpenSslWhereTheTextbookModeApplies) {
+TEST_P(BlockCipher, MatchesOpenSslWhereTheTextbookModeApplies) {
   std::mt19937 rng(20240601);
   auto random_bytes = [&rng](size_t n) {
     Bytes b(n);
@@ -250,7 +261,7 @@ TEST(BlockCipher, MatchesOpenSslWhereTheTextbookModeApplies) {
   }
 }
 
-TEST(BlockCipher, EveryStreamUpdateStartsAFreshKeystreamBlock) {
+TEST_P(BlockCipher, EveryStreamUpdateStartsAFreshKeystreamBlock) {
   // Encrypting, each update acts as if its input were zero-padded to whole
   // blocks: the textbook result over the padded chunks, cut back to size.
   for (uint8_t mode : {BC_MODE_OFB, BC_MODE_CFB, BC_MODE_CTR}) {
@@ -281,7 +292,7 @@ TEST(BlockCipher, EveryStreamUpdateStartsAFreshKeystreamBlock) {
   }
 }
 
-TEST(BlockCipher, ExactlyConsumedRestKeepsTheStalePendingCount) {
+TEST_P(BlockCipher, ExactlyConsumedRestKeepsTheStalePendingCount) {
   const Bytes p = Sub(kPlain, 0, 32);
   CtxPtr ctx = Keyed(Aes128(BC_MODE_CBC, 1, 0));
   Bytes out;
@@ -302,7 +313,7 @@ TEST(BlockCipher, ExactlyConsumedRestKeepsTheStalePendingCount) {
             Transform(Aes128(BC_MODE_ECB, 1, 1, {}), p, {10, 22}).status);
 }
 
-TEST(BlockCipher, PaddedDecryptionHoldsBackOnlyTheLastUpdatesBlock) {
+TEST_P(BlockCipher, PaddedDecryptionHoldsBackOnlyTheLastUpdatesBlock) {
   const Bytes plain = Sub(kPlain, 0, 40);
   const Bytes cipher = Oracle(BC_ALG_AES128, BC_MODE_CBC, kKey128, kIv, true, true, plain);
   const Result r = Transform(Aes128(BC_MODE_CBC, 0, 0), cipher, {32, 16});
@@ -324,23 +335,76 @@ TEST(BlockCipher, PaddedDecryptionHoldsBackOnlyTheLastUpdatesBlock) {
   EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Final(ctx.get(), &out));
 }
 
-TEST(BlockCipher, CounterIncrementsAsOneBigEndian128BitNumber) {
-  const char* const cases[][2] = {
-      {"ffffffffffffffffffffffffffffffff", "00000000000000000000000000000000"},
-      {"000102030405060708090a0bffffffff", "000102030405060708090a0c00000000"},
-      {"00ffffffffffffffffffffffffffffff", "01000000000000000000000000000000"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0]);
-    const Bytes start = FromHex(c[0]);
-    CtxPtr ctx = Keyed({BC_ALG_AES256, BC_MODE_CTR, 1, kKey256, start, 1});
+// Adds one to a 16-byte big-endian number.
+Bytes NextCounter(Bytes c) {
+  for (size_t i = c.size(); i-- > 0;) {
+    if (++c[i] != 0) break;
+  }
+  return c;
+}
+
+TEST_P(BlockCipher, CounterIncrementsAsOneBigEndian128BitNumber) {
+  // Carries across a byte, a word, the 64-bit halves and the whole block,
+  // inside runs longer than any batch of blocks kept in flight.
+  for (const char* hex : {"ffffffffffffffffffffffffffffffff", "000102030405060708090a0bfffffffe",
+                          "00ffffffffffffffffffffffffffffe0", "0102030405060708fffffffffffffff3"}) {
+    SCOPED_TRACE(hex);
+    Bytes counters, counter = FromHex(hex);
+    std::vector<Bytes> after;  // the counter after each block
+    for (int i = 0; i < 40; ++i) {
+      counters = Cat(counters, counter);
+      counter = NextCounter(counter);
+      after.push_back(counter);
+    }
+    const Bytes keystream = Ecb(kKey256, true, counters);
+    CtxPtr ctx = Keyed({BC_ALG_AES256, BC_MODE_CTR, 1, kKey256, FromHex(hex), 1});
+    // Whole blocks, then a partial one; the context keeps the last keystream
+    // block and the next counter.
     Bytes out;
-    ASSERT_EQ(BC_OK, Update(ctx.get(), Bytes(32), &out));
-    EXPECT_EQ(Ecb(kKey256, true, Cat(start, FromHex(c[1]))), out);
+    ASSERT_EQ(BC_OK, Update(ctx.get(), Bytes(39 * 16), &out));
+    EXPECT_EQ(Sub(keystream, 0, 39 * 16), out);
+    EXPECT_EQ(Sub(keystream, 38 * 16, 16), Bytes(ctx->keystream, ctx->keystream + 16));
+    EXPECT_EQ(after[38], Bytes(ctx->reg, ctx->reg + 16));
+    ASSERT_EQ(BC_OK, Update(ctx.get(), Bytes(11), &out));
+    EXPECT_EQ(Sub(keystream, 0, 39 * 16 + 11), out);
+    EXPECT_EQ(Sub(keystream, 39 * 16, 16), Bytes(ctx->keystream, ctx->keystream + 16));
+    EXPECT_EQ(after[39], Bytes(ctx->reg, ctx->reg + 16));
   }
 }
 
-TEST(BlockCipher, DirectionalCfbEncryptsLikeCfbButDecryptsWithInverseCipher) {
+void EncryptThroughCaller(const unsigned char* in, unsigned char* out, const aes_key_schedule* ks) {
+  AES_encrypt_block(in, out, ks);
+}
+void DecryptThroughCaller(const unsigned char* in, unsigned char* out, const aes_key_schedule* ks) {
+  AES_decrypt_block(in, out, ks);
+}
+
+TEST_P(BlockCipher, ABlockFunctionOfTheCallersGivesTheSameResults) {
+  for (uint8_t mode : {BC_MODE_ECB, BC_MODE_CBC, BC_MODE_OFB, BC_MODE_CFB, BC_MODE_CFB_DIRECTIONAL,
+                       BC_MODE_CTR}) {
+    for (int direction : {1, 0}) {
+      SCOPED_TRACE(testing::Message() << "mode " << int{mode} << " direction " << direction);
+      const auto s = Aes128(mode, direction, 1, mode == BC_MODE_ECB ? Bytes() : kIv);
+      CtxPtr ours = Keyed(s), callers = Keyed(s);
+      callers->block_function = callers->block_function == AES_encrypt_block
+                                    ? EncryptThroughCaller
+                                    : DecryptThroughCaller;
+      Bytes expected, out;
+      for (const Bytes& chunk : {Sub(kPlain, 0, 53), Sub(kPlain, 53, 11)}) {
+        ASSERT_EQ(BC_OK, Update(ours.get(), chunk, &expected));
+        ASSERT_EQ(BC_OK, Update(callers.get(), chunk, &out));
+      }
+      EXPECT_EQ(expected, out);
+      if (mode != BC_MODE_ECB) {
+        EXPECT_EQ(Bytes(ours->reg, ours->reg + 16), Bytes(callers->reg, callers->reg + 16));
+      }
+      EXPECT_EQ(Bytes(ours->keystream, ours->keystream + 16),
+                Bytes(callers->keystream, callers->keystream + 16));
+    }
+  }
+}
+
+TEST_P(BlockCipher, DirectionalCfbEncryptsLikeCfbButDecryptsWithInverseCipher) {
   const Bytes cfb = FromHex(kVectors[4].cipher);
   EXPECT_EQ(cfb, Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 1), kPlain, {64}).data);
   // Block i decrypts to C[i] XOR D(C[i-1]), with C[-1] the IV.
@@ -349,7 +413,7 @@ TEST(BlockCipher, DirectionalCfbEncryptsLikeCfbButDecryptsWithInverseCipher) {
   EXPECT_EQ(Xor(cfb, Ecb(kKey128, false, Cat(kIv, Sub(cfb, 0, 48)))), r.data);
 }
 
-TEST(BlockCipher, InitStatusCodesAndKeyedState) {
+TEST(BlockCipherStatus, InitStatusCodesAndKeyedState) {
   EXPECT_EQ(BC_ERR_INIT_NULL_CTX,
             init_BlockCipher(nullptr, BC_ALG_AES128, BC_MODE_ECB, 0, kKey128.data(), nullptr, 1));
   EXPECT_EQ(BC_ERR_AES_NULL_CTX, init_AES(nullptr, kKey128.data(), kIv.data(), 1));
@@ -378,7 +442,7 @@ TEST(BlockCipher, InitStatusCodesAndKeyedState) {
   EXPECT_EQ(kPlain, Transform(Aes128(BC_MODE_CBC, 2), cbc, {64}).data);
 }
 
-TEST(BlockCipher, UpdateStatusCodes) {
+TEST(BlockCipherStatus, UpdateStatusCodes) {
   CtxPtr ctx = Keyed(Aes128(BC_MODE_CBC, 1));
   Bytes in(16), out(32);
   unsigned char* o = out.data();
@@ -408,7 +472,7 @@ TEST(BlockCipher, UpdateStatusCodes) {
   }
 }
 
-TEST(BlockCipher, FinalStatusCodes) {
+TEST(BlockCipherStatus, FinalStatusCodes) {
   CtxPtr ctx = Keyed(Aes128(BC_MODE_ECB, 1, 0, {}));
   Bytes out(16);
   uint32_t n = 0;
@@ -430,7 +494,7 @@ TEST(BlockCipher, FinalStatusCodes) {
   EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Transform(Aes128(BC_MODE_CBC, 0, 0), {}, {}).status);
 }
 
-TEST(BlockCipher, PaddedDecryptionRejectsBadPadding) {
+TEST_P(BlockCipher, PaddedDecryptionRejectsBadPadding) {
   const struct {
     const char* tail;
     int status;
