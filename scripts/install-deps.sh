@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ pkg-config binutils
   libjsonparser-dev        # JSON parsing inside the library
+  rapidjson-dev            # JSON writing in tessmar-sign (headers, build only)
   libgtest-dev             # unit tests
   libbenchmark-dev         # benchmarks
   libssl-dev               # OpenSSL: test and benchmark oracle only

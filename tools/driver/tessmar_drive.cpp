@@ -32,6 +32,7 @@ constexpr int kExitStartupFailed = 4;
 constexpr char kUsage[] =
     "usage: tessmar-drive [--library PATH] [--host] [--wait-ms N] "
     "[REQUEST...]\n"
+    "       tessmar-drive --help | --version\n"
     "\n"
     "Loads the bridge library as the browser extension does and sends each\n"
     "REQUEST to tsmx_Invoke, or, when none is given, each non-empty line of\n"
@@ -48,7 +49,9 @@ constexpr char kUsage[] =
     "                  message and is refused)\n"
     "  --wait-ms N     wait N milliseconds before the final drain, for\n"
     "                  callbacks that arrive late\n"
-    "  --help          show this text\n"
+    "  -h, --help      show this text\n"
+    "  --version       show the program's version\n"
+    "  --              end the options; what follows are requests\n"
     "\n"
     "exit status:\n"
     "  0  every request was sent (a <null> reply is not an error)\n"
@@ -78,8 +81,12 @@ struct Bridge {
 // GetTessmarInstallPath(), a C++ function returning std::string.
 constexpr char kInstallPathSymbol[] = "_Z21GetTessmarInstallPathB5cxx11v";
 
-bool ParseOptions(int argc, char** argv, Options& options, bool& help) {
+// Sets `help` or `version` when one of them was asked for; the rest of the
+// command line is then not looked at.
+bool ParseOptions(int argc, char** argv, Options& options, bool& help,
+                  bool& version) {
   help = false;
+  version = false;
   bool only_requests = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -89,6 +96,9 @@ bool ParseOptions(int argc, char** argv, Options& options, bool& help) {
       only_requests = true;
     } else if (arg == "--help" || arg == "-h") {
       help = true;
+      return true;
+    } else if (arg == "--version") {
+      version = true;
       return true;
     } else if (arg == "--host") {
       options.host = true;
@@ -272,12 +282,17 @@ void Send(const Bridge& bridge, const std::string& request) {
 int main(int argc, char** argv) {
   Options options;
   bool help = false;
-  if (!ParseOptions(argc, argv, options, help)) {
+  bool version = false;
+  if (!ParseOptions(argc, argv, options, help, version)) {
     std::fputs(kUsage, stderr);
     return kExitUsage;
   }
   if (help) {
     std::fputs(kUsage, stdout);
+    return kExitOk;
+  }
+  if (version) {
+    std::printf("tessmar-drive %s\n", TESSMAR_TOOL_VERSION);
     return kExitOk;
   }
 

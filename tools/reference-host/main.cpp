@@ -31,6 +31,7 @@ constexpr int kExitPipeBroken = 3;
 
 constexpr char kUsage[] =
     "usage: TessmarFirefox\n"
+    "       TessmarFirefox --help | --version\n"
     "\n"
     "The native host of the browser bridge. libTessmarFirefox.so starts it\n"
     "from tsmx_Startup with no arguments; it talks to the library over three\n"
@@ -38,7 +39,7 @@ constexpr char kUsage[] =
     "creates, and answers each request as the library would in-process.\n"
     "\n"
     "exit status:\n"
-    "  0  the library sent the stop message\n"
+    "  0  the library sent the stop message (or --help, --version)\n"
     "  1  bad arguments, or HOME is unset or empty\n"
     "  2  a FIFO could not be opened or is not a FIFO\n"
     "  3  a pipe broke: a read failed, the request pipe ended without the\n"
@@ -105,6 +106,10 @@ int Serve(int request_fd, int reply_fd) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::printf("TessmarFirefox %s\n", TESSMAR_TOOL_VERSION);
+    return kExitStopped;
+  }
   if (argc > 1) {
     const bool help = std::strcmp(argv[1], "--help") == 0 ||
                       std::strcmp(argv[1], "-h") == 0;

@@ -41,6 +41,17 @@ bool UserConfigDirectory(std::string* directory, std::string* error) {
   return true;
 }
 
+}  // namespace
+
+std::string SearchedDirectories() {
+  std::string user;
+  std::string ignored;
+  if (!UserConfigDirectory(&user, &ignored)) return kSystemConfigDirectory;
+  return user + " or " + kSystemConfigDirectory;
+}
+
+namespace {
+
 // The Base64 client signature text of `file`, as stored in "Sig".
 bool ClientSignatureText(const std::string& file, std::string* text,
                          std::string* error) {
@@ -122,8 +133,8 @@ Outcome VerifyModule(const std::string& name) {
   const std::string subject = Quoted(name) + ": ";
   const std::string config = _GetModuleConfigPath(name.c_str());
   if (config.empty()) {
-    return Failure(subject + "no " + name +
-                   ".json in the user or system configuration directory");
+    return Failure(subject + "no " + name + ".json in " +
+                   SearchedDirectories());
   }
 
   // The verdict is the library's own lookup; what follows only explains a

@@ -15,6 +15,11 @@ namespace tessmar::sign {
 inline constexpr char kProduct[] = TESSMAR_SIGN_PRODUCT;
 inline constexpr char kMaker[] = TESSMAR_SIGN_MAKER;
 
+// The configuration directories the library searches, for messages: the
+// user's and the system one, or the system one alone when HOME is unset
+// (as with --system).
+std::string SearchedDirectories();
+
 // --- Client modules (client_commands.cpp) --------------------------------
 
 struct ModuleRequest {

@@ -86,9 +86,8 @@ bool ReadAsSignatureFile(const std::string& header) {
 Outcome SignInstalled() {
   const std::string config = _GetConfigPath();
   if (config.empty()) {
-    return Failure(
-        "no config.json in the user or system configuration directory to "
-        "store the signature in");
+    return Failure("no config.json in " + SearchedDirectories() +
+                   " to store the signature in");
   }
   if (ReadAsSignatureFile(config)) {
     return Failure(
@@ -158,8 +157,7 @@ Outcome Mismatch(const std::string& stored, const std::string& where,
 Outcome VerifyInstalled() {
   const std::string config = _GetConfigPath();
   if (config.empty()) {
-    return Failure(
-        "no config.json in the user or system configuration directory");
+    return Failure("no config.json in " + SearchedDirectories());
   }
   // The verdict is the library's own check; the rest explains a failure.
   if (CheckModuleSignature()) {

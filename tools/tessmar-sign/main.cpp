@@ -4,6 +4,7 @@
 // there is exactly one implementation of each scheme.
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
@@ -16,9 +17,11 @@
 namespace tessmar::sign {
 namespace {
 
-// The usage text, in two parts around the default configuration directory.
-constexpr char kUsageHead[] =
-    "Usage: tessmar-sign COMMAND [ARGUMENTS]\n"
+// The usage text; the %s are the user configuration subdirectory (twice)
+// and the system configuration directory.
+constexpr char kUsage[] =
+    "Usage: tessmar-sign [--system] COMMAND [ARGUMENTS]\n"
+    "       tessmar-sign --help | --version\n"
     "\n"
     "Signing:\n"
     "  client FILE           print the client module signature text of FILE\n"
@@ -27,9 +30,7 @@ constexpr char kUsageHead[] =
     "                        NAME.json (\"Name\", \"Path\", \"Sig\", "
     "\"Version\";\n"
     "                        other members are kept) in DIR, by default\n"
-    "                        $HOME";
-constexpr char kUsageTail[] =
-    "\n"
+    "                        $HOME%s\n"
     "  install [--dir DIR]   sign the installation: store \"Sig\" in the\n"
     "                        config.json the library reads, or, with --dir,\n"
     "                        sign the files in DIR into DIR/Tessmar.sig\n"
@@ -42,30 +43,53 @@ constexpr char kUsageTail[] =
     "                           check the installation, or DIR/Tessmar.sig\n"
     "  verify-server FILE       check FILE against FILE.sig\n"
     "\n"
-    "Options: -h, --help shows this text; -- ends the options.\n"
+    "Configuration files are looked up in $HOME%s first, then in\n"
+    "%s.\n"
+    "\n"
+    "Options:\n"
+    "  --system    use the system configuration directory alone, as the\n"
+    "              library does without HOME: for installing as root (module,\n"
+    "              install, verify-module, verify-install; not with\n"
+    "              --config-dir or --dir)\n"
+    "  -h, --help  show this text\n"
+    "  --version   show the program's version; after \"module\" it gives the\n"
+    "              module's version instead\n"
+    "  --          end the options; what follows are operands\n"
+    "\n"
     "Exit status: 0 signed or valid, 1 signature invalid, 2 usage or I/O "
     "error.\n";
 
 void PrintUsage(FILE* stream) {
-  std::fprintf(stream, "%s%s%s", kUsageHead, kUserConfigSubdirectory,
-               kUsageTail);
+  std::fprintf(stream, kUsage, kUserConfigSubdirectory, kUserConfigSubdirectory,
+               kSystemConfigDirectory);
+}
+
+// Prints to stdout what --help or --version asked for.
+int PrintInformation(bool version) {
+  if (version) {
+    std::printf("tessmar-sign %s\n", TESSMAR_TOOL_VERSION);
+  } else {
+    PrintUsage(stdout);
+  }
+  return std::fflush(stdout) == 0 ? kExitOk : kExitError;
 }
 
 struct CommandSpec {
   const char* name;
   std::vector<const char*> operands;  // as named in the usage text
   std::vector<const char*> options;   // each takes one value
+  bool system = false;                // accepts --system
 };
 
 const std::vector<CommandSpec>& Commands() {
   static const std::vector<CommandSpec> kCommands = {
       {"client", {"FILE"}, {}},
-      {"module", {"NAME", "FILE"}, {"--version", "--config-dir"}},
-      {"install", {}, {"--dir"}},
+      {"module", {"NAME", "FILE"}, {"--version", "--config-dir"}, true},
+      {"install", {}, {"--dir"}, true},
       {"server", {"FILE"}, {}},
       {"verify-client", {"FILE", "SIG"}, {}},
-      {"verify-module", {"NAME"}, {}},
-      {"verify-install", {}, {"--dir"}},
+      {"verify-module", {"NAME"}, {}, true},
+      {"verify-install", {}, {"--dir"}, true},
       {"verify-server", {"FILE"}, {}},
   };
   return kCommands;
@@ -75,6 +99,7 @@ struct Arguments {
   std::vector<std::string> operands;
   std::map<std::string, std::string> options;
   bool help = false;
+  bool system = false;
 
   std::string Option(const char* name) const {
     const auto found = options.find(name);
@@ -90,7 +115,8 @@ bool Accepts(const CommandSpec& syntax, const std::string& option) {
 }
 
 // Options may come before, between or after the operands; "--" ends them,
-// so operands that begin with "-" can be given.
+// so operands that begin with "-" can be given. `args` arrives with what the
+// options before the command set.
 bool ParseArguments(const CommandSpec& syntax, int argc, char** argv, int first,
                     Arguments* args, std::string* error) {
   bool options_ended = false;
@@ -106,6 +132,10 @@ bool ParseArguments(const CommandSpec& syntax, int argc, char** argv, int first,
     }
     if (arg == "-h" || arg == "--help") {
       args->help = true;
+      continue;
+    }
+    if (arg == "--system") {
+      args->system = true;
       continue;
     }
     std::string name = arg;
@@ -137,6 +167,17 @@ bool ParseArguments(const CommandSpec& syntax, int argc, char** argv, int first,
       return false;
     }
   }
+  if (args->system && !syntax.system) {
+    *error = "--system applies only to module, install, verify-module and "
+             "verify-install";
+    return false;
+  }
+  for (const char* local : {"--config-dir", "--dir"}) {
+    if (args->system && args->options.count(local) != 0) {
+      *error = std::string("--system and ") + local + " exclude each other";
+      return false;
+    }
+  }
   if (!args->help && args->operands.size() != syntax.operands.size()) {
     *error = "expected";
     for (const char* operand : syntax.operands)
@@ -151,9 +192,9 @@ Outcome Run(const std::string& command, const Arguments& args) {
   const std::vector<std::string>& operand = args.operands;
   if (command == "client") return SignClient(operand[0]);
   if (command == "module") {
-    return SignModule(ModuleRequest{operand[0], operand[1],
-                                    args.Option("--version"),
-                                    args.Option("--config-dir")});
+    return SignModule(ModuleRequest{
+        operand[0], operand[1], args.Option("--version"),
+        args.system ? kSystemConfigDirectory : args.Option("--config-dir")});
   }
   if (command == "install") return SignInstallation(args.Option("--dir"));
   if (command == "server") return SignServer(operand[0]);
@@ -165,15 +206,29 @@ Outcome Run(const std::string& command, const Arguments& args) {
 }
 
 int Main(int argc, char** argv) {
-  if (argc < 2) {
+  // Options before the command: --help and --version answer at once,
+  // whatever follows; --system is kept for the command.
+  Arguments args;
+  int first = 1;
+  for (; first < argc && argv[first][0] == '-'; ++first) {
+    const std::string option = argv[first];
+    if (option == "-h" || option == "--help") return PrintInformation(false);
+    if (option == "--version") return PrintInformation(true);
+    if (option != "--system") {
+      std::fprintf(stderr,
+                   "tessmar-sign: unknown option '%s' (see tessmar-sign "
+                   "--help)\n",
+                   option.c_str());
+      return kExitError;
+    }
+    args.system = true;
+  }
+  if (first == argc) {
     PrintUsage(stderr);
     return kExitError;
   }
-  const std::string command = argv[1];
-  if (command == "-h" || command == "--help" || command == "help") {
-    PrintUsage(stdout);
-    return std::fflush(stdout) == 0 ? kExitOk : kExitError;
-  }
+  const std::string command = argv[first];
+  if (command == "help") return PrintInformation(false);
   const CommandSpec* syntax = nullptr;
   for (const CommandSpec& candidate : Commands()) {
     if (command == candidate.name) syntax = &candidate;
@@ -185,16 +240,19 @@ int Main(int argc, char** argv) {
         command.c_str());
     return kExitError;
   }
-  Arguments args;
   std::string error;
-  if (!ParseArguments(*syntax, argc, argv, 2, &args, &error)) {
+  if (!ParseArguments(*syntax, argc, argv, first + 1, &args, &error)) {
     std::fprintf(stderr, "tessmar-sign: %s: %s (see tessmar-sign --help)\n",
                  syntax->name, error.c_str());
     return kExitError;
   }
-  if (args.help) {
-    PrintUsage(stdout);
-    return std::fflush(stdout) == 0 ? kExitOk : kExitError;
+  if (args.help) return PrintInformation(false);
+  // The library looks in HOME's configuration directory before the system
+  // one and reads no other variable, so without HOME it sees the system
+  // installation alone, which is what the commands then sign or check.
+  if (args.system && unsetenv("HOME") != 0) {
+    std::fprintf(stderr, "tessmar-sign: unsetenv: %s\n", std::strerror(errno));
+    return kExitError;
   }
 
   Outcome outcome = Run(command, args);
