@@ -34,10 +34,13 @@ TEST(DriverTest, ReportsBadArgumentsAndUnloadableLibraries) {
     std::string ProgramResult::*stream;
     std::string text;
   } const cases[] = {
-      {{kDriver, "--wait-ms", "soon"}, 2, &ProgramResult::err, ""},
+      {{kDriver, "--wait-ms", "soon"}, 2, &ProgramResult::err, "soon"},
+      {{kDriver, "--hots", kEcho}, 2, &ProgramResult::err, "unknown option --hots"},
       // An empty request would be the host's stop message.
       {{kDriver, "--host", ""}, 2, &ProgramResult::err, ""},
       {{kDriver, "--help"}, 0, &ProgramResult::out, "exit status"},
+      {{kDriver, "--version", kEcho}, 0, &ProgramResult::out,
+       "tessmar-drive " TESSMAR_TEST_VERSION "\n"},
       {{kDriver, "--library", none, kEcho}, 1, &ProgramResult::err, none},
       {{kDriver, "--library", TESSMAR_TEST_CALLBACK_MODULE, kEcho}, 1,
        &ProgramResult::err, "tsmx_Startup"},
@@ -47,6 +50,8 @@ TEST(DriverTest, ReportsBadArgumentsAndUnloadableLibraries) {
     const ProgramResult result = RunProgram(c.argv);
     EXPECT_EQ(c.exit_code, result.exit_code);
     EXPECT_NE(std::string::npos, (result.*c.stream).find(c.text));
+    // Answers on stdout, diagnostics on stderr, never both.
+    EXPECT_EQ("", c.stream == &ProgramResult::out ? result.err : result.out);
   }
 }
 

@@ -177,13 +177,18 @@ TEST(ReferenceHostTest, ReportsItsOwnFailuresWithExitCodes) {
       {{kReferenceHost}, true, 1, &ProgramResult::err, "HOME is not set"},
       {{kReferenceHost}, false, 2, &ProgramResult::err, "cannot open"},
       {{kReferenceHost, "--help"}, false, 0, &ProgramResult::out, "exit status"},
-      {{kReferenceHost, "surplus"}, false, 1, &ProgramResult::err, ""},
+      {{kReferenceHost, "--version"}, true, 0, &ProgramResult::out,
+       "TessmarFirefox " TESSMAR_TEST_VERSION "\n"},
+      {{kReferenceHost, "surplus"}, false, 1, &ProgramResult::err, "usage"},
+      {{kReferenceHost, "--version", "surplus"}, false, 1, &ProgramResult::err,
+       "usage"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.argv.back());
     const ProgramResult result = RunProgram(c.argv, "", c.without_home);
     EXPECT_EQ(c.exit_code, result.exit_code);
     EXPECT_NE(std::string::npos, (result.*c.stream).find(c.text));
+    EXPECT_EQ("", c.stream == &ProgramResult::out ? result.err : result.out);
   }
   home.ConfigDir();
   WriteFile(RequestFifo(), "");

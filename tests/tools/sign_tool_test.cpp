@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "config/config_location.h"
 #include "support/temp_home.h"
 #include "tessmar/config.h"
 #include "tessmar/signature.h"
@@ -124,26 +125,93 @@ class SignToolTest : public ::testing::Test {
   TempHome home_;
 };
 
-TEST_F(SignToolTest, UsageErrorsAndHelp) {
+TEST_F(SignToolTest, UsageErrorsHelpAndVersion) {
   EXPECT_EQ(RunTool({}).status, 2);
-  for (const Args& args : {Args{"--help"}, Args{"-h"}, Args{"module", "--help"}}) {
+  EXPECT_EQ(RunTool({"--system"}).status, 2);
+  for (const Args& args : {Args{"--help"}, Args{"-h"}, Args{"module", "--help"},
+                           Args{"--system", "install", "--help"}}) {
     const Result help = RunTool(args);
     EXPECT_EQ(help.status, 0) << args[0];
     EXPECT_NE(help.out.find("verify-install"), std::string::npos) << args[0];
     EXPECT_EQ(help.err, "") << args[0];
   }
+  // Before a command --version is the tool's; "module" takes it as the
+  // module's (see SignedModuleIsLoadableUntilTampered).
+  for (const Args& args : {Args{"--version"}, Args{"--system", "--version", "install"}}) {
+    const Result version = RunTool(args);
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "tessmar-sign " TESSMAR_TEST_VERSION "\n");
+    EXPECT_EQ(version.err, "");
+  }
   const std::pair<Args, const char*> usage_errors[] = {
       {{"module", "demo"}, "NAME FILE"},
       {{"install", "extra"}, "install"},
       {{"sign-everything"}, "sign-everything"},
+      {{"--sign-everything", "install"}, "unknown option '--sign-everything'"},
       {{"server", "--dir", "x", "file"}, "--dir"},
-      {{"install", "--dir"}, "--dir"}};
+      {{"install", "--dir"}, "--dir"},
+      {{"install", "--version", "1"}, "--version"},
+      {{"--system", "client", "file"}, "--system applies only to"},
+      {{"server", "file", "--system"}, "--system applies only to"},
+      {{"--system", "install", "--dir", "x"}, "--system and --dir"},
+      {{"module", "demo", "file", "--config-dir", "x", "--system"},
+       "--system and --config-dir"}};
   for (const auto& [args, words] : usage_errors) {
     SCOPED_TRACE(testing::PrintToString(args));
     const Result result = RunTool(args);
     EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
     ExpectOneLineReason(result, words);
   }
+}
+
+// The longest existing ancestor of `path` (or `path` itself) is writable.
+bool CouldCreate(std::string path) {
+  while (access(path.c_str(), F_OK) != 0 && path.size() > 1) {
+    path.erase(path.rfind('/') == 0 ? 1 : path.rfind('/'));
+  }
+  return access(path.c_str(), W_OK) == 0;
+}
+
+// --system shows the tool what the library sees without HOME: the system
+// directory alone, however complete the user's own installation is.
+TEST_F(SignToolTest, SystemOptionIgnoresTheUserDirectory) {
+  const std::string system_dir = tessmar::kSystemConfigDirectory;
+  const std::string install = MakeInstallation("opt/tessmar");
+  home_.WriteConfig("config.json", "{\"Tessmar\": \"" + install + "\"}");
+  ASSERT_EQ(RunTool({"install"}).status, 0);
+  const std::string file = home_.WriteHomeFile("mod/libdemo.so", "code");
+  // A name no system directory holds.
+  const std::string name = "sign-tool-test-" + std::to_string(getpid());
+  ASSERT_EQ(RunTool({"module", name, file}).status, 0);
+  ASSERT_EQ(RunTool({"verify-module", name}).status, 0);
+
+  for (const Args& args : {Args{"--system", "verify-module", name},
+                           Args{"verify-module", "--system", name}}) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    const Result result = RunTool(args);
+    EXPECT_EQ(result.status, 2);
+    ExpectOneLineReason(result, "no " + name + ".json in " + system_dir + "\n");
+  }
+  const std::string module_file = home_.ConfigDir() + "/" + name + ".json";
+  const std::string signed_config = ReadFile(home_.ConfigDir() + "/config.json");
+  if (access((system_dir + "/config.json").c_str(), F_OK) != 0) {
+    for (const char* command : {"install", "verify-install"}) {
+      const Result result = RunTool({"--system", command});
+      EXPECT_EQ(result.status, 2) << command;
+      ExpectOneLineReason(result, "no config.json in " + system_dir);
+    }
+  }
+  // Writing into the real system directory is for an installer, not a test:
+  // only where it cannot be created is "module --system" run.
+  if (!CouldCreate(system_dir)) {
+    const std::string before = ReadFile(module_file);
+    const Result result = RunTool({"--system", "module", name, file});
+    EXPECT_EQ(result.status, 2);
+    ExpectOneLineReason(result, system_dir.substr(0, system_dir.find('/', 1)));
+    EXPECT_EQ(ReadFile(module_file), before);
+  }
+  EXPECT_EQ(ReadFile(home_.ConfigDir() + "/config.json"), signed_config);
 }
 
 TEST_F(SignToolTest, ClientSignatureTextPassesTheLibraryCheck) {
