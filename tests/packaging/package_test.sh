@@ -33,14 +33,14 @@ install_dir=$(dirname "$(grep '/libTessmarFirefox.so$' <<<"$files")")
 system_config="/usr/share/Pelmora/Tessmar/morrowhost/config.json"
 check "config.json names the installation" \
   contains "$(cat "$system_config" 2>&1)" "\"Tessmar\": \"$install_dir\""
-check "the installation is signed" env -u HOME tessmar-sign verify-install
+check "the installation is signed" tessmar-sign --system verify-install
 
 home=$(mktemp -d)
 module="$install_dir/modules/libtessmar_echo_module.so"
 check "sign the example module" env HOME="$home" tessmar-sign module echo "$module" --version 1.0.0.1
 request='{"cmd":"native","id":"1","tabid":"t","callback":"c","module":"echo","origin":"https://a.example"}'
 for mode in "" --host; do
-  out=$(HOME="$home" tessmar-drive --library "$install_dir/libTessmarFirefox.so" $mode \
+  out=$(HOME="$home" tessmar-drive $mode \
     '{"init":"get_versions","m":"echo"}' "$request" 2>&1)
   check "versions ${mode:-in-process}: $out" contains "$out" '"qx":"1.0.0.0","m":[{"name":"echo","version":"1.0.0.1"}]'
   check "module ${mode:-in-process}: $out" contains "$out" '"status":"TRUE", "reply":{"module":"echo"'

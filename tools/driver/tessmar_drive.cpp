@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -41,7 +42,9 @@ constexpr char kUsage[] =
     "callback queue is drained with tsmx_Pop and every message is printed as\n"
     "\"callback: TEXT\".\n"
     "\n"
-    "  --library PATH  the library to load (default: " TESSMAR_DRIVE_LIBRARY
+    "  --library PATH  the library to load (default: the installed one,\n"
+    "                  " TESSMAR_DRIVE_INSTALLED " relative to this\n"
+    "                  program, when it exists; else " TESSMAR_DRIVE_LIBRARY
     ")\n"
     "  --host          start the installation's host with tsmx_Startup first\n"
     "                  and stop it with tsmx_End at the end; requests then go\n"
@@ -60,8 +63,21 @@ constexpr char kUsage[] =
     "  3  --host, but the host executable is missing or not executable\n"
     "  4  --host, but tsmx_Startup failed or the host could not be started\n";
 
+// The installed library when this program runs from an installation, else
+// the build tree's.
+std::string DefaultLibrary() {
+  char self[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n > 0) {
+    std::string path(self, static_cast<std::size_t>(n));
+    path = path.substr(0, path.rfind('/') + 1) + TESSMAR_DRIVE_INSTALLED;
+    if (access(path.c_str(), F_OK) == 0) return path;
+  }
+  return TESSMAR_DRIVE_LIBRARY;
+}
+
 struct Options {
-  std::string library = TESSMAR_DRIVE_LIBRARY;
+  std::string library = DefaultLibrary();
   bool host = false;
   long wait_ms = 0;
   std::vector<std::string> requests;
