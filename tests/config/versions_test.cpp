@@ -95,6 +95,9 @@ TEST(CheckVersion, ComparesFourComponentsAsThirtyTwoBitDecimalNumbers) {
   for (const auto& [a, b, expected] : cases) {
     EXPECT_EQ(CheckVersion(a, b), expected) << a << " <= " << b;
   }
+  // Null is outside the contract; either one is answered as incomparable.
+  EXPECT_EQ(CheckVersion(nullptr, "1.0.0.0"), 1);
+  EXPECT_EQ(CheckVersion("1.0.0.0", nullptr), 1);
   std::string text = "1..2. 3";
   std::vector<std::string> parts = {"kept"};
   SplitVersion(text, parts);
