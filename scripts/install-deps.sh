@@ -11,6 +11,7 @@ packages=(
   libbenchmark-dev         # benchmarks
   libssl-dev               # OpenSSL: test and benchmark oracle only
   dpkg-dev lintian         # the Debian package: dependencies and checks
+  clang-14 libclang-rt-14-dev  # libFuzzer targets
 )
 
 missing=()

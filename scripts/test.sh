@@ -31,6 +31,14 @@ suite tests ""
 suite tests-asan "address,undefined"
 suite tests-tsan "thread" -L concurrency
 
+# Every fuzz target replays its committed corpus (clang, ASan + UBSan).
+echo "=== build/fuzz (libFuzzer corpus replay)"
+cmake -S "$root" -B "$root/build/fuzz" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSMAR_FUZZ=ON \
+  -DTESSMAR_SANITIZE=address,undefined -DTESSMAR_WERROR="$werror" >/dev/null
+cmake --build "$root/build/fuzz" -j "$jobs"
+ctest --test-dir "$root/build/fuzz" --output-on-failure -j "$jobs" -L fuzz
+
 # The Debian package: built, installed, driven in both modes and purged.
 if [ "$(id -u)" -eq 0 ]; then
   echo "=== Debian package (build/package)"

@@ -1,0 +1,110 @@
+// Block-cipher call sequences: any algorithm, mode, padding flag and
+// direction, key and IV present or not, updates of any length, then final.
+// Where the sequence is a real encryption, decrypting it gives the plaintext
+// back: padded ECB/CBC in one update, stream modes in whole blocks but the
+// last.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "fuzz_input.h"
+#include "tessmar/block_cipher.h"
+
+namespace {
+
+constexpr uint32_t kAlgorithms[] = {BC_ALG_AES128, BC_ALG_AES192,
+                                    BC_ALG_AES256};
+constexpr uint8_t kModes[] = {BC_MODE_ECB, BC_MODE_CBC, BC_MODE_OFB,
+                              BC_MODE_CFB, BC_MODE_CFB_DIRECTIONAL, BC_MODE_CTR};
+
+struct Setup {
+  uint32_t algorithm;
+  uint8_t mode;
+  uint8_t no_padding;
+  int direction;
+  const unsigned char* key;
+  const unsigned char* iv;
+};
+
+// Runs init, the updates of the given sizes over `text`, and final, with
+// the documented output room; returns the output, or nothing on an error.
+bool Run(const Setup& s, const std::string& text,
+         const std::vector<uint32_t>& sizes, std::string* out) {
+  BLOCK_CIPHER_CTX* ctx = new_BLOCK_CIPHER_CTX();
+  if (ctx == nullptr) std::abort();
+  bool ok = init_BlockCipher(ctx, s.algorithm, s.mode, s.no_padding, s.key,
+                             s.iv, s.direction) == 0;
+  std::size_t done = 0;
+  for (std::size_t i = 0; ok && i < sizes.size(); ++i) {
+    const uint32_t n = static_cast<uint32_t>(
+        std::min<std::size_t>(sizes[i], text.size() - done));
+    std::vector<unsigned char> room(n + 32);
+    uint32_t produced = 0;
+    ok = update_BlockCipher(ctx,
+                            reinterpret_cast<const unsigned char*>(text.data()) + done,
+                            n, room.data(), &produced) == 0;
+    if (produced > n + 16) std::abort();  // beyond the promised room
+    if (ok) out->append(reinterpret_cast<char*>(room.data()), produced);
+    done += n;
+  }
+  unsigned char last[32];
+  uint32_t produced = 0;
+  if (ok) ok = final_BlockCipher(ctx, last, &produced) == 0;
+  if (produced > sizeof last) std::abort();
+  if (ok) out->append(reinterpret_cast<char*>(last), produced);
+  free_BLOCK_CIPHER_CTX(ctx);
+  return ok;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  tessmar::fuzz::Input input(data, size);
+  Setup s;
+  const uint8_t a = input.Byte();
+  s.algorithm = a < 0xf0 ? kAlgorithms[a % 3] : input.Word();
+  const uint8_t m = input.Byte();
+  s.mode = m < 0xf0 ? kModes[m % 6] : m;
+  s.no_padding = input.Byte() % 3;
+  s.direction = input.Byte() % 3 == 0 ? 0 : 1;
+  const uint8_t present = input.Byte();
+  const std::string key = input.Bytes(32) + std::string(32, '\0');
+  const std::string iv = input.Bytes(16) + std::string(16, '\0');
+  s.key = present & 1 ? reinterpret_cast<const unsigned char*>(key.data()) : nullptr;
+  s.iv = present & 2 ? reinterpret_cast<const unsigned char*>(iv.data()) : nullptr;
+  std::vector<uint32_t> sizes(input.Byte() % 6);
+  for (uint32_t& n : sizes) n = input.Byte() * ((present & 4) ? 16u : 1u);
+  const std::string text = input.Rest();
+
+  // Any sequence: no crash, no write beyond the room.
+  std::string ignored;
+  Run(s, text, sizes, &ignored);
+
+  // A real encryption and its decryption.
+  if (s.key == nullptr || s.iv == nullptr || s.mode > 0x50 ||
+      s.mode == BC_MODE_CFB_DIRECTIONAL || a >= 0xf0 || text.empty()) {
+    return 0;
+  }
+  s.direction = 1;
+  std::vector<uint32_t> chunks;
+  if (s.mode == BC_MODE_ECB || s.mode == BC_MODE_CBC) {
+    s.no_padding = 0;  // padded, and fed in one update
+    chunks = {static_cast<uint32_t>(text.size())};
+  } else {
+    for (std::size_t left = text.size(); left > 0;) {
+      const uint32_t n = left > 16 ? 16u * (1 + chunks.size() % 3) : left;
+      chunks.push_back(static_cast<uint32_t>(std::min<std::size_t>(n, left)));
+      left -= chunks.back();
+    }
+  }
+  std::string cipher, plain;
+  if (!Run(s, text, chunks, &cipher)) std::abort();
+  s.direction = 0;
+  std::vector<uint32_t> back = chunks;
+  if (s.mode == BC_MODE_ECB || s.mode == BC_MODE_CBC) {
+    back = {static_cast<uint32_t>(cipher.size())};
+  }
+  if (!Run(s, cipher, back, &plain) || plain != text) std::abort();
+  return 0;
+}

@@ -1,0 +1,37 @@
+// The configuration readers on arbitrary file contents: the input, split at
+// its first NUL, becomes config.json and the module file "fuzz.json" (and,
+// for the native client, "morrowhost.json").
+#include <string>
+
+#include "fuzz_input.h"
+#include "tessmar/config.h"
+#include "tessmar/signature.h"
+
+namespace {
+std::string g_dir;
+}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  g_dir = tessmar::fuzz::MakeFuzzHome();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  using tessmar::fuzz::WriteFile;
+  const auto [config, module] = tessmar::fuzz::SplitAt(
+      std::string(reinterpret_cast<const char*>(data), size), '\0');
+  WriteFile(g_dir + "/config.json", config);
+  WriteFile(g_dir + "/fuzz.json", module);
+  WriteFile(g_dir + "/morrowhost.json", module);
+
+  GetTessmarInstallPath();
+  GetCurrentVersion(nullptr);
+  GetClientVersion("fuzz");
+  GetClientInstallPathModule("fuzz", false);
+  GetClientInstallPathModule("fuzz", true);
+  GetClientInstallPath();
+  std::string list = "fuzz,,morrowhost,absent";
+  GetClientVersions(&list[0]);
+  CheckModuleSignature();
+  return 0;
+}

@@ -1,0 +1,76 @@
+// Small helpers shared by the fuzz targets: reading typed values off the
+// front of the input, and a private HOME with configuration files.
+#ifndef TESSMAR_FUZZ_FUZZ_INPUT_H
+#define TESSMAR_FUZZ_FUZZ_INPUT_H
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace tessmar::fuzz {
+
+// Consumes the input from the front; reads past the end give zeros.
+class Input {
+ public:
+  Input(const uint8_t* data, std::size_t size) : data_(data), size_(size) {}
+  uint8_t Byte() { return size_ > 0 ? (--size_, *data_++) : 0; }
+  uint32_t Word() {
+    uint32_t value = 0;
+    for (int i = 0; i < 4; ++i) value = value << 8 | Byte();
+    return value;
+  }
+  // Up to `count` bytes (fewer at the end of the input).
+  std::string Bytes(std::size_t count) {
+    if (count > size_) count = size_;
+    std::string bytes(reinterpret_cast<const char*>(data_), count);
+    data_ += count;
+    size_ -= count;
+    return bytes;
+  }
+  std::string Rest() { return Bytes(size_); }
+  std::size_t left() const { return size_; }
+
+ private:
+  const uint8_t* data_;
+  std::size_t size_;
+};
+
+// Splits `text` at the first `separator`: before, after ("" when absent).
+inline std::pair<std::string, std::string> SplitAt(const std::string& text,
+                                                   char separator) {
+  const std::size_t at = text.find(separator);
+  if (at == std::string::npos) return {text, std::string()};
+  return {text.substr(0, at), text.substr(at + 1)};
+}
+
+// A fresh directory under TMPDIR used as HOME for the whole run, with the
+// user configuration directory made; returns that directory.
+inline std::string MakeFuzzHome() {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string home = std::string(tmp != nullptr ? tmp : "/tmp") +
+                     "/tessmar-fuzz-XXXXXX";
+  if (mkdtemp(&home[0]) == nullptr) std::abort();
+  setenv("HOME", home.c_str(), 1);
+  std::string dir = home;
+  for (const char* level : {"/.config", "/Pelmora", "/Tessmar", "/morrowhost"}) {
+    dir += level;
+    mkdir(dir.c_str(), 0755);
+  }
+  return dir;
+}
+
+inline void WriteFile(const std::string& path, const std::string& data) {
+  FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) std::abort();
+  std::fwrite(data.data(), 1, data.size(), file);
+  std::fclose(file);
+}
+
+}  // namespace tessmar::fuzz
+
+#endif  // TESSMAR_FUZZ_FUZZ_INPUT_H
