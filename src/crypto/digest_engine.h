@@ -11,33 +11,48 @@
 #ifndef TESSMAR_SRC_CRYPTO_DIGEST_ENGINE_H
 #define TESSMAR_SRC_CRYPTO_DIGEST_ENGINE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 namespace tessmar::crypto {
 
-// Collects `length` bytes (at least one) into the input buffer, compressing
-// each block as it fills and adding its bits to the bit count. The caller has
-// checked that input_count is at most kBlockSize. The block index and the
-// block buffer are not touched.
-template <uint32_t kBlockSize, auto Compress, typename Context>
+// Feeds `length` bytes (at least one): a partly filled input buffer is
+// completed and compressed first, whole blocks are then compressed straight
+// from the caller's buffer, and the rest waits in the input buffer. Each
+// compressed block adds its bits to the bit count. The context ends exactly
+// as if every byte had passed through the input buffer: it holds the last
+// whole block with the waiting bytes over its start. CompressBlocks(state,
+// data, n) compresses n consecutive blocks. The caller has checked that
+// input_count is at most kBlockSize. The block index and the block buffer
+// are not touched.
+template <uint32_t kBlockSize, auto CompressBlocks, typename Context>
 inline void FeedInput(Context* ctx, const unsigned char* data,
                       uint32_t length) {
   static_assert(sizeof ctx->input == kBlockSize);
-  const uint32_t room = kBlockSize - ctx->input_count;
-  uint32_t chunk = length < room ? length : room;
-  for (;;) {
+  if (ctx->input_count > 0) {
+    const uint32_t room = kBlockSize - ctx->input_count;
+    const uint32_t chunk = length < room ? length : room;
     std::memcpy(ctx->input + ctx->input_count, data, chunk);
     ctx->input_count = static_cast<uint8_t>(ctx->input_count + chunk);
     data += chunk;
     length -= chunk;
-    if (ctx->input_count == kBlockSize) {
-      Compress(ctx->state, ctx->input);
-      ctx->bit_count += kBlockSize * 8;
-      ctx->input_count = 0;
-    }
-    if (length == 0) return;
-    chunk = length < kBlockSize ? length : kBlockSize;
+    if (ctx->input_count < kBlockSize) return;
+    CompressBlocks(ctx->state, ctx->input, 1);
+    ctx->bit_count += kBlockSize * 8;
+    ctx->input_count = 0;
+  }
+  const uint32_t blocks = length / kBlockSize;
+  if (blocks > 0) {
+    CompressBlocks(ctx->state, data, blocks);
+    ctx->bit_count += uint64_t{blocks} * kBlockSize * 8;
+    std::memcpy(ctx->input, data + (blocks - 1) * kBlockSize, kBlockSize);
+    data += blocks * kBlockSize;
+    length -= blocks * kBlockSize;
+  }
+  if (length > 0) {
+    std::memcpy(ctx->input, data, length);
+    ctx->input_count = static_cast<uint8_t>(length);
   }
 }
 

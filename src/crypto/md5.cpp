@@ -1,4 +1,5 @@
 // MD5 (RFC 1321) behind the init/update/final context interface.
+#include <cstddef>
 #include <cstring>
 #include <utility>
 
@@ -91,6 +92,12 @@ void Compress(uint32_t state[4], const unsigned char* block) {
   for (unsigned i = 0; i < 4; ++i) state[i] += v[i];
 }
 
+// Whole blocks straight from the caller's buffer, one after the other.
+void CompressBlocks(uint32_t state[4], const unsigned char* data,
+                    std::size_t blocks) {
+  for (; blocks > 0; --blocks, data += kBlockSize) Compress(state, data);
+}
+
 }  // namespace
 
 // The status numbering below is deliberately MD5's own and differs from the
@@ -122,7 +129,7 @@ int update_MD5(md5_state_structure* ctx, const unsigned char* data,
   if (ctx->input_count > kBlockSize) return 5;
   // With the input count validated the first chunk is at most the free room
   // (never 2^31 or more), so the chunk-size codes 5 and 6 cannot arise here.
-  FeedInput<kBlockSize, Compress>(ctx, data, length);
+  FeedInput<kBlockSize, CompressBlocks>(ctx, data, length);
   return 0;
 }
 

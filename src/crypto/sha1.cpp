@@ -1,9 +1,11 @@
 // SHA-1 (FIPS 180-4) behind the init/update/final context interface.
+#include <cstddef>
 #include <cstring>
 #include <utility>
 
 #include "crypto/byte_order.h"
 #include "crypto/digest_engine.h"
+#include "crypto/digest_variant.h"
 #include "tessmar/digest.h"
 
 namespace {
@@ -70,6 +72,28 @@ void Compress(uint32_t state[5], const unsigned char* block) {
 
 }  // namespace
 
+namespace tessmar::crypto {
+
+void Sha1BlocksPortable(uint32_t state[5], const unsigned char* data,
+                  std::size_t blocks) {
+  for (; blocks > 0; --blocks, data += kBlockSize) Compress(state, data);
+}
+
+}  // namespace tessmar::crypto
+
+namespace {
+
+// Every block goes through the variant picked for this CPU.
+void CompressBlocks(uint32_t state[5], const unsigned char* data,
+                    std::size_t blocks) {
+  tessmar::crypto::ActiveDigests().sha1_blocks(state, data, blocks);
+}
+void CompressOne(uint32_t state[5], const unsigned char* block) {
+  CompressBlocks(state, block, 1);
+}
+
+}  // namespace
+
 // SHA-1 numbers its status codes differently from MD5 and SHA-256 on
 // purpose; the values are part of the interface. Compression cannot fail, so
 // codes 4 (update) and 2, 4, 5 (final) are never produced.
@@ -94,16 +118,16 @@ int update_SHA1(sha1_state_structure* ctx, unsigned char const* data,
   // With the input count validated the first chunk is at most the free room,
   // so the other chunk-size conditions of code 3 cannot arise.
   if (ctx->input_count > kBlockSize) return 3;
-  FeedInput<kBlockSize, Compress>(ctx, data, length);
+  FeedInput<kBlockSize, CompressBlocks>(ctx, data, length);
   return 0;
 }
 
 // The output pointer is deliberately not tested (unlike final_MD5).
 int final_SHA1(sha1_state_structure* ctx, unsigned char* digest) {
   if (ctx == nullptr) return 1;
-  MovePendingInput<kBlockSize, Compress>(ctx);
+  MovePendingInput<kBlockSize, CompressOne>(ctx);
   if (ctx->block_index > kBlockSize - 1) return 3;
-  PadAndCompress<kBlockSize, 8, store_be64, Compress>(ctx);
+  PadAndCompress<kBlockSize, 8, store_be64, CompressOne>(ctx);
   for (unsigned i = 0; i < 5; ++i) store_be32(digest + 4 * i, ctx->state[i]);
   WipeMessageBuffers(ctx);
   return 0;

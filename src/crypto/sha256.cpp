@@ -1,8 +1,10 @@
 // SHA-256 (FIPS 180-4) behind the init/update/final context interface.
+#include <cstddef>
 #include <cstring>
 
 #include "crypto/byte_order.h"
 #include "crypto/digest_engine.h"
+#include "crypto/digest_variant.h"
 #include "tessmar/digest.h"
 
 namespace {
@@ -86,6 +88,28 @@ void Compress(uint32_t state[8], const unsigned char* block) {
 
 }  // namespace
 
+namespace tessmar::crypto {
+
+void Sha256BlocksPortable(uint32_t state[8], const unsigned char* data,
+                    std::size_t blocks) {
+  for (; blocks > 0; --blocks, data += kBlockSize) Compress(state, data);
+}
+
+}  // namespace tessmar::crypto
+
+namespace {
+
+// Every block goes through the variant picked for this CPU.
+void CompressBlocks(uint32_t state[8], const unsigned char* data,
+                    std::size_t blocks) {
+  tessmar::crypto::ActiveDigests().sha256_blocks(state, data, blocks);
+}
+void CompressOne(uint32_t state[8], const unsigned char* block) {
+  CompressBlocks(state, block, 1);
+}
+
+}  // namespace
+
 // SHA-256 numbers its status codes differently from the other digests on
 // purpose; the values are part of the interface. Compression cannot fail, so
 // codes 5 (update) and 3, 4 (final) are never produced.
@@ -110,17 +134,17 @@ int update_SHA256(sha256_state_structure* ctx, unsigned char const* data,
   // With the input count validated the first chunk is at most the free room,
   // so the other chunk-size conditions of code 4 cannot arise.
   if (ctx->input_count > kBlockSize) return 4;
-  FeedInput<kBlockSize, Compress>(ctx, data, length);
+  FeedInput<kBlockSize, CompressBlocks>(ctx, data, length);
   return 0;
 }
 
 // The output pointer is deliberately not tested (unlike final_MD5).
 int final_SHA256(sha256_state_structure* ctx, unsigned char* digest) {
   if (ctx == nullptr || ctx->block_index > kBlockSize - 1) return 1;
-  MovePendingInput<kBlockSize, Compress>(ctx);
+  MovePendingInput<kBlockSize, CompressOne>(ctx);
   // Cannot trigger after the entry check; kept as the interface lists it.
   if (ctx->block_index > kBlockSize) return 2;
-  PadAndCompress<kBlockSize, 8, store_be64, Compress>(ctx);
+  PadAndCompress<kBlockSize, 8, store_be64, CompressOne>(ctx);
   for (unsigned i = 0; i < 8; ++i) store_be32(digest + 4 * i, ctx->state[i]);
   WipeMessageBuffers(ctx);
   return 0;

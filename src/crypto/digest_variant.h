@@ -1,0 +1,51 @@
+// The compression functions behind the digest contexts: the portable code,
+// which is the reference and the fallback, and variants for the x86-64 SHA
+// instructions. One is picked once, at first use, from what the CPU reports;
+// the context code calls it for every whole block, straight from the
+// caller's buffer where it can.
+//
+// MD5 and SHA-512 have no hardware form on x86-64 and only the portable one.
+#ifndef TESSMAR_SRC_CRYPTO_DIGEST_VARIANT_H
+#define TESSMAR_SRC_CRYPTO_DIGEST_VARIANT_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tessmar::crypto {
+
+// Compresses `blocks` consecutive 64-byte blocks into the chaining state.
+using Sha1BlocksFn = void (*)(uint32_t state[5], const unsigned char* data,
+                              std::size_t blocks);
+using Sha256BlocksFn = void (*)(uint32_t state[8], const unsigned char* data,
+                                std::size_t blocks);
+
+struct DigestVariant {
+  const char* name;  // "portable", "shani"
+  Sha1BlocksFn sha1_blocks;
+  Sha256BlocksFn sha256_blocks;
+};
+
+// The variant in use: the fastest this CPU runs, picked at first call.
+const DigestVariant& ActiveDigests();
+
+// Each variant by name: "portable" always, "shani" only when the CPU has
+// the SHA extensions (with SSSE3 and SSE4.1); null otherwise. For tests.
+const DigestVariant* DigestVariantNamed(const char* name);
+
+// Makes `variant` the one in use; tests only, never called by the library.
+void UseDigestVariantForTesting(const DigestVariant& variant);
+
+// The variants themselves; the hardware ones are only to be called when
+// DigestVariantNamed hands them out.
+void Sha1BlocksPortable(uint32_t state[5], const unsigned char* data,
+                        std::size_t blocks);
+void Sha256BlocksPortable(uint32_t state[8], const unsigned char* data,
+                          std::size_t blocks);
+void Sha1BlocksShaNi(uint32_t state[5], const unsigned char* data,
+                     std::size_t blocks);
+void Sha256BlocksShaNi(uint32_t state[8], const unsigned char* data,
+                       std::size_t blocks);
+
+}  // namespace tessmar::crypto
+
+#endif  // TESSMAR_SRC_CRYPTO_DIGEST_VARIANT_H
