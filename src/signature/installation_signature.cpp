@@ -6,6 +6,7 @@
 #include "config/build_identity.h"
 #include "config/json_document.h"
 #include "tessmar/config.h"
+#include "tessmar/digest.h"
 #include "tessmar/signature.h"
 
 namespace {
@@ -43,6 +44,21 @@ std::string StoredSignature(const std::string& sig_path) {
   return std::string();
 }
 
+// SHA-256(t followed by SHA-256(t)) for a non-empty t, hashing t once: the
+// second digest continues from the state after t.
+std::string DigestWithOwnDigest(const std::string& t) {
+  sha256_state_structure after_t;
+  init_SHA256(&after_t);
+  update_SHA256(&after_t, reinterpret_cast<const unsigned char*>(t.data()),
+                static_cast<unsigned>(t.size()));
+  sha256_state_structure copy = after_t;
+  unsigned char digest[SHA256_DIGEST_SIZE];
+  final_SHA256(&copy, digest);
+  update_SHA256(&after_t, digest, sizeof digest);
+  final_SHA256(&after_t, digest);
+  return std::string(reinterpret_cast<const char*>(digest), sizeof digest);
+}
+
 }  // namespace
 
 std::string GetTessmarSigFileList(std::string dir) {
@@ -69,8 +85,7 @@ std::string makeSig(std::string product, std::string maker, std::string dir,
     const std::vector<std::string> parts = SpilteFileData(entry, kPathSeparator);
     if (parts.size() != 2) return std::string();
     // A missing covered file contributes its name with empty data.
-    const std::string t = parts[1] + ReadFileData(parts[0]);
-    acc += MakeDigestSHA256(t + MakeDigestSHA256(t));
+    acc += DigestWithOwnDigest(parts[1] + ReadFileData(parts[0]));
   }
   sigPath = halves[0];
   return MakeDigestSHA256(acc);

@@ -49,8 +49,10 @@ std::string BinaryData(std::size_t size) {
 }
 
 TEST(Digests, MatchOpenSslAndStretchedDigestMatchesTheTenRoundFormula) {
-  for (const std::string& data : {std::string("abc"), std::string("morrowhostpelmora"),
-                                  BinaryData(1), BinaryData(64), BinaryData(4096)}) {
+  for (const std::string& data :
+       {std::string("abc"), std::string("morrowhostpelmora"), BinaryData(1),
+        BinaryData(55), BinaryData(63), BinaryData(64), BinaryData(65),
+        BinaryData(4096), BinaryData(4097)}) {
     SCOPED_TRACE(data.size());
     EXPECT_EQ(MakeDigestSHA256(data), OracleSha256(data));
     EXPECT_EQ(MakeDigestMD5(data), OracleMd5(data));
