@@ -14,10 +14,8 @@ std::string makeClientSig(std::string product, std::string maker,
                           std::string path) {
   if (path.empty()) return std::string();
   // An empty module file yields no signature at all, so it can never pass.
-  const std::string data = ReadFileData(path);
-  if (data.empty()) return std::string();
-  return tessmar::MakeStretchedDigest(product + maker +
-                                      MakeDigestSHA256(product + maker) + data);
+  return tessmar::MakeStretchedDigestOfFile(
+      product + maker + MakeDigestSHA256(product + maker), path);
 }
 
 bool CheckClientSig(std::string product, std::string maker, std::string path,

@@ -7,9 +7,7 @@
 
 std::string makeLocalServerSig(std::string path) {
   if (path.empty()) return std::string();
-  const std::string data = ReadFileData(path);
-  if (data.empty()) return std::string();
-  return tessmar::MakeStretchedDigest(data);
+  return tessmar::MakeStretchedDigestOfFile(std::string(), path);
 }
 
 bool CheckLocalServerSig(std::string path) {

@@ -1,48 +1,105 @@
 #include "signature/stretched_digest.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <vector>
+
 #include "tessmar/digest.h"
 #include "tessmar/signature.h"
 
 namespace tessmar {
 namespace {
 
+void Absorb(sha256_state_structure* state, const char* data, std::size_t size) {
+  if (size > 0) {
+    update_SHA256(state, reinterpret_cast<const unsigned char*>(data),
+                  static_cast<unsigned>(size));
+  }
+}
+
 // The SHA-256 digest of what `state` has absorbed followed by `more`.
 std::string FinishSha256(sha256_state_structure state, const std::string& more) {
-  if (!more.empty()) {
-    update_SHA256(&state, reinterpret_cast<const unsigned char*>(more.data()),
-                  static_cast<unsigned>(more.size()));
-  }
+  Absorb(&state, more.data(), more.size());
   unsigned char digest[SHA256_DIGEST_SIZE];
   final_SHA256(&state, digest);
   return std::string(reinterpret_cast<const char*>(digest), sizeof digest);
 }
+
+// Builds the seed piece by piece: everything up to the last whole 64-byte
+// block of the final seed goes into `head`, the rest into `tail`.
+class SeedAbsorber {
+ public:
+  explicit SeedAbsorber(std::size_t seed_size)
+      : to_absorb_(seed_size - seed_size % 64) {
+    init_SHA256(&head_);
+  }
+  void Add(const char* data, std::size_t size) {
+    const std::size_t now = size < to_absorb_ ? size : to_absorb_;
+    Absorb(&head_, data, now);
+    to_absorb_ -= now;
+    tail_.append(data + now, size - now);
+  }
+  // The ten rounds over the seed added, as MakeStretchedDigest documents.
+  std::string Stretch() {
+    // The accumulator is the seed followed by the blocks appended so far;
+    // each of its digests continues from the state after the seed's whole
+    // blocks, so the seed is hashed once and never copied.
+    tail_.reserve(tail_.size() + 10 * 32);
+    for (int round = 0; round < 10; ++round) {
+      const std::string h = FinishSha256(head_, tail_);
+      const std::string first = MakeDigestMD5(h.substr(0, 16));
+      const std::string second = MakeDigestMD5(h.substr(16));
+      // The digest of the second half deliberately comes first.
+      tail_ += MakeDigestSHA256(second + first);
+    }
+    return FinishSha256(head_, tail_);
+  }
+
+ private:
+  sha256_state_structure head_;
+  std::size_t to_absorb_;
+  std::string tail_;
+};
 
 }  // namespace
 
 std::string MakeStretchedDigest(const std::string& seed) {
   // Every digest of an empty text is "", so an empty seed stretches to "".
   if (seed.empty()) return std::string();
-  // The accumulator is the seed followed by the blocks appended so far. Its
-  // digest continues from the state after the seed's whole 64-byte blocks,
-  // which are hashed once, with the seed's tail and the appended blocks: the
-  // file is read by the hash once, not eleven times, and never copied.
-  sha256_state_structure head;
-  init_SHA256(&head);
-  const std::size_t whole = seed.size() - seed.size() % 64;
-  if (whole > 0) {
-    update_SHA256(&head, reinterpret_cast<const unsigned char*>(seed.data()),
-                  static_cast<unsigned>(whole));
+  SeedAbsorber absorber(seed.size());
+  absorber.Add(seed.data(), seed.size());
+  return absorber.Stretch();
+}
+
+std::string MakeStretchedDigestOfFile(const std::string& prefix,
+                                      const std::string& path) {
+  // Read as ReadFileData reads: the size from the end position as a signed
+  // 32-bit value, the whole file or nothing; but in pieces, straight into
+  // the hash, so a large module is never held in memory.
+  FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return std::string();
+  std::string result;
+  if (std::fseek(file, 0, SEEK_END) == 0) {
+    const long end = std::ftell(file);
+    if (end > 0 && end <= INT32_MAX && std::fseek(file, 0, SEEK_SET) == 0) {
+      const std::size_t size = static_cast<std::size_t>(end);
+      SeedAbsorber absorber(prefix.size() + size);
+      absorber.Add(prefix.data(), prefix.size());
+      std::vector<char> buffer(std::size_t{1} << 20);
+      std::size_t done = 0;
+      while (done < size) {
+        const std::size_t want = std::min(buffer.size(), size - done);
+        const std::size_t got = std::fread(buffer.data(), 1, want, file);
+        absorber.Add(buffer.data(), got);
+        done += got;
+        if (got < want) break;
+      }
+      if (done == size) result = absorber.Stretch();
+    }
   }
-  std::string rest = seed.substr(whole);
-  rest.reserve(rest.size() + 10 * 32);
-  for (int round = 0; round < 10; ++round) {
-    const std::string h = FinishSha256(head, rest);
-    const std::string first = MakeDigestMD5(h.substr(0, 16));
-    const std::string second = MakeDigestMD5(h.substr(16));
-    // The digest of the second half deliberately comes first.
-    rest += MakeDigestSHA256(second + first);
-  }
-  return FinishSha256(head, rest);
+  std::fclose(file);
+  return result;
 }
 
 }  // namespace tessmar

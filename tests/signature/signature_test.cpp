@@ -127,6 +127,11 @@ TEST(ClientSignature, MatchesTheDocumentedDigestAndChecksOnlyItsOwnText) {
             OracleStretched(OracleSalt("morrowhost", "pelmora") + data));
   EXPECT_EQ(makeClientSig("pelmora", "morrowhost", module),
             OracleStretched(OracleSalt("pelmora", "morrowhost") + data));
+  // Large modules are read in pieces: one of a MiB and a bit.
+  const std::string large = BinaryData((1 << 20) + 77);
+  EXPECT_EQ(makeClientSig("morrowhost", "pelmora",
+                          home.WriteHomeFile("lib/liblarge.so", large)),
+            OracleStretched(OracleSalt("morrowhost", "pelmora") + large));
   for (const std::string& path : {std::string(), none, empty}) {
     EXPECT_EQ(makeClientSig("morrowhost", "pelmora", path), "") << path;
   }
