@@ -5,11 +5,13 @@
 #include "crypto/byte_order.h"
 #include "crypto/digest_engine.h"
 #include "crypto/digest_variant.h"
+#include "crypto/sha256_constants.h"
 #include "tessmar/digest.h"
 
 namespace {
 
 using tessmar::crypto::FeedInput;
+using tessmar::crypto::kSha256RoundConstant;
 using tessmar::crypto::load_be32;
 using tessmar::crypto::MovePendingInput;
 using tessmar::crypto::PadAndCompress;
@@ -24,19 +26,6 @@ constexpr uint32_t kInitial[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372,
                                   0xa54ff53a, 0x510e527f, 0x9b05688c,
                                   0x1f83d9ab, 0x5be0cd19};
 
-constexpr uint32_t kRoundConstant[64] = {
-    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1,
-    0x923f82a4, 0xab1c5ed5, 0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3,
-    0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174, 0xe49b69c1, 0xefbe4786,
-    0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
-    0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147,
-    0x06ca6351, 0x14292967, 0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13,
-    0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85, 0xa2bfe8a1, 0xa81a664b,
-    0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
-    0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a,
-    0x5b9cca4f, 0x682e6ff3, 0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208,
-    0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2,
-};
 
 // One round with the roles of the eight working words passed in: the caller
 // rotates the argument order instead of moving eight words every round.
@@ -67,14 +56,14 @@ void Compress(uint32_t state[8], const unsigned char* block) {
   uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
   uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
   for (unsigned t = 0; t < 64; t += 8) {
-    Round(a, b, c, d, e, f, g, h, kRoundConstant[t] + w[t]);
-    Round(h, a, b, c, d, e, f, g, kRoundConstant[t + 1] + w[t + 1]);
-    Round(g, h, a, b, c, d, e, f, kRoundConstant[t + 2] + w[t + 2]);
-    Round(f, g, h, a, b, c, d, e, kRoundConstant[t + 3] + w[t + 3]);
-    Round(e, f, g, h, a, b, c, d, kRoundConstant[t + 4] + w[t + 4]);
-    Round(d, e, f, g, h, a, b, c, kRoundConstant[t + 5] + w[t + 5]);
-    Round(c, d, e, f, g, h, a, b, kRoundConstant[t + 6] + w[t + 6]);
-    Round(b, c, d, e, f, g, h, a, kRoundConstant[t + 7] + w[t + 7]);
+    Round(a, b, c, d, e, f, g, h, kSha256RoundConstant[t] + w[t]);
+    Round(h, a, b, c, d, e, f, g, kSha256RoundConstant[t + 1] + w[t + 1]);
+    Round(g, h, a, b, c, d, e, f, kSha256RoundConstant[t + 2] + w[t + 2]);
+    Round(f, g, h, a, b, c, d, e, kSha256RoundConstant[t + 3] + w[t + 3]);
+    Round(e, f, g, h, a, b, c, d, kSha256RoundConstant[t + 4] + w[t + 4]);
+    Round(d, e, f, g, h, a, b, c, kSha256RoundConstant[t + 5] + w[t + 5]);
+    Round(c, d, e, f, g, h, a, b, kSha256RoundConstant[t + 6] + w[t + 6]);
+    Round(b, c, d, e, f, g, h, a, kSha256RoundConstant[t + 7] + w[t + 7]);
   }
   state[0] += a;
   state[1] += b;
