@@ -249,6 +249,33 @@ TYPED_TEST(DigestTest, StatusCodes) {
 
 // Final wipes the buffered bytes but keeps the chaining state (which then
 // encodes the digest), the message bit count and the block index.
+// Init leaves nothing of what the context held before, and an update keeps
+// in the input buffer the last block it compressed, the waiting bytes over
+// its start, as if every byte had passed through the buffer.
+TYPED_TEST(DigestTest, InitClearsTheContextAndUpdateFillsTheInputBuffer) {
+  using A = TypeParam;
+  constexpr size_t B = A::kBlock;
+  typename A::Ctx ctx;
+  std::memset(&ctx, 0xAA, sizeof ctx);
+  ASSERT_EQ(A::Init(&ctx), 0);
+  const unsigned char zeros[128] = {};
+  EXPECT_EQ(ctx.input_count, 0);
+  EXPECT_EQ(ctx.block_index, 0u);
+  EXPECT_EQ(ctx.bit_count, 0u);
+  EXPECT_EQ(std::memcmp(ctx.input, zeros, B), 0);
+  EXPECT_EQ(std::memcmp(ctx.block, zeros, B), 0);
+
+  std::string msg(3 * B + 5, '\0');
+  for (size_t i = 0; i < msg.size(); ++i) msg[i] = static_cast<char>(i);
+  ASSERT_EQ(A::Update(&ctx, reinterpret_cast<const unsigned char*>(msg.data()),
+                      static_cast<unsigned>(msg.size())),
+            0);
+  std::string expected = msg.substr(2 * B, B);
+  expected.replace(0, 5, msg.substr(3 * B));
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(ctx.input), B), expected);
+  EXPECT_EQ(ctx.input_count, 5);
+}
+
 TYPED_TEST(DigestTest, StateAfterFinal) {
   using A = TypeParam;
   constexpr size_t B = A::kBlock;
