@@ -3,7 +3,7 @@
 the tests catch?
 
   scripts/mutate.py generate [--per-file N]   rewrite scripts/mutations.tsv
-  scripts/mutate.py run [--only TEXT] [--build DIR] [--timeout S]
+  scripts/mutate.py run [--only TEXT] [--build DIR] [--timeout S] [--sanitize]
   scripts/mutate.py list
 
 `generate` scans the sources for places where a typical mistake can be made
@@ -159,13 +159,17 @@ def build_and_test(build, timeout):
     return tested.returncode == 0
 
 
-def run(only, build, timeout):
+def run(only, build, timeout, sanitize):
     build = pathlib.Path(build)
+    if sanitize:
+        build = build.with_name(build.name + "-asan")
     if not (build / "CMakeCache.txt").exists():
         subprocess.run(["cmake", "-S", str(ROOT), "-B", str(build), "-G",
                         "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
-                        "-DTESSMAR_BUILD_BENCH=OFF"], check=True,
-                       stdout=subprocess.DEVNULL)
+                        "-DTESSMAR_BUILD_BENCH=OFF",
+                        "-DTESSMAR_SANITIZE=" +
+                        ("address,undefined" if sanitize else "")],
+                       check=True, stdout=subprocess.DEVNULL)
     if not build_and_test(build, timeout):
         print("the suite fails without any mutant; fix that first",
               file=sys.stderr)
@@ -234,6 +238,10 @@ def main():
     r.add_argument("--build", default=str(ROOT / "build" / "mutate"))
     r.add_argument("--timeout", type=int, default=60,
                    help="seconds per test")
+    r.add_argument("--sanitize", action="store_true",
+                   help="build and test under ASan+UBSan, as the test "
+                   "command's second stage does (leaks and out-of-bounds "
+                   "accesses then count as killed)")
     sub.add_parser("list", help="print the mutants")
     args = parser.parse_args()
     if args.command == "generate":
@@ -244,7 +252,7 @@ def main():
             print(describe(m) + (" [equivalent: %s]" % m["equivalent"]
                                  if m["equivalent"] else ""))
         return 0
-    return run(args.only, args.build, args.timeout)
+    return run(args.only, args.build, args.timeout, args.sanitize)
 
 
 if __name__ == "__main__":
