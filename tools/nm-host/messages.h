@@ -1,0 +1,56 @@
+// The messages tessmar-nm-host exchanges with the browser extension.
+//
+// Both directions carry one UTF-8 JSON object per message, preceded by its
+// length in 4 bytes of native byte order (the browsers' native-messaging
+// framing, the same as the bridge's FIFOs):
+//
+//   extension -> host   {"seq": N, "request": "<request text>"}
+//   host -> extension   {"seq": N, "reply": "<reply text>"}  (null: no reply)
+//                       {"seq": N, "error": "<reason>"}
+//                       {"error": "<reason>"}      (a message without a seq)
+//                       {"callback": "<callback text>"}
+//
+// Texts travel as JSON strings, so replies that are not JSON themselves
+// arrive unchanged; bytes that are not UTF-8 become U+FFFD.
+#ifndef TESSMAR_TOOLS_NM_HOST_MESSAGES_H
+#define TESSMAR_TOOLS_NM_HOST_MESSAGES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace tessmar::nm {
+
+// The browsers accept at most 1 MiB in one message from a native host.
+inline constexpr std::size_t kMaxOutgoing = 1024 * 1024;
+// The largest message from the extension that is read; a larger one is
+// skipped and answered with an error.
+inline constexpr std::size_t kMaxIncoming = 64 * 1024 * 1024;
+
+// `text` as a JSON string literal, quotes included. Control characters,
+// '"' and '\\' are escaped; a byte that does not start a well-formed UTF-8
+// sequence is replaced by \ufffd.
+std::string Quote(const std::string& text);
+
+// One message from the extension, taken apart.
+struct Incoming {
+  bool has_seq = false;  // a "seq" holding a non-negative integer
+  std::int64_t seq = 0;
+  std::string request;  // valid when error is empty
+  std::string error;    // why the message cannot be served
+};
+
+// Parses one message body (json-parser, default settings).
+Incoming ParseIncoming(const char* body, std::size_t length);
+
+// {"seq":N,"reply":"..."}, or "reply":null when `reply` is null.
+std::string ReplyMessage(std::int64_t seq, const char* reply);
+// {"seq":N,"error":"..."}, without "seq" when there is none.
+std::string ErrorMessage(bool has_seq, std::int64_t seq,
+                         const std::string& reason);
+// {"callback":"..."}
+std::string CallbackMessage(const std::string& text);
+
+}  // namespace tessmar::nm
+
+#endif  // TESSMAR_TOOLS_NM_HOST_MESSAGES_H
