@@ -1,0 +1,66 @@
+// A client module whose answers the request chooses, for the native-
+// messaging host's tests:
+//   "say": TEXT         answers TEXT as it stands (JSON or not)
+//   "badUtf8": true     answers "a<FF>b<C3>(c", bytes that are not UTF-8
+//   "bytes": N          answers a JSON string of N letters
+//   "callbackBytes": N  sends a callback whose reply is a JSON string of N
+//                       letters, then a small one, and answers {}
+//   "print": true       writes a line to standard output, answers {}
+#include <json.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "tessmar/module.h"
+
+namespace {
+
+QXHostFuncs* g_host = nullptr;
+
+const json_value* Member(const json_value* root, const char* name) {
+  if (root == nullptr || root->type != json_object) return nullptr;
+  for (unsigned i = 0; i < root->u.object.length; ++i) {
+    if (std::strcmp(root->u.object.values[i].name, name) == 0) {
+      return root->u.object.values[i].value;
+    }
+  }
+  return nullptr;
+}
+
+std::string Letters(const json_value* count) {
+  return "\"" + std::string(static_cast<std::size_t>(count->u.integer), 'x') + "\"";
+}
+
+char* Invoke(const char*, const char*, const char* request) {
+  json_value* root = json_parse(request, std::strlen(request));
+  std::string answer = "{}";
+  if (const json_value* say = Member(root, "say"); say && say->type == json_string) {
+    answer.assign(say->u.string.ptr, say->u.string.length);
+  } else if (Member(root, "badUtf8") != nullptr) {
+    answer = "\"a\xff" "b\xc3(c\"";
+  } else if (const json_value* n = Member(root, "bytes"); n && n->type == json_integer) {
+    answer = Letters(n);
+  } else if (const json_value* c = Member(root, "callbackBytes");
+             c && c->type == json_integer) {
+    g_host->SendCallback("t1", nullptr, "big", Letters(c).c_str());
+    g_host->SendCallback("t1", nullptr, "after", "{}");
+  } else if (Member(root, "print") != nullptr) {
+    std::printf("a module writing to standard output\n");
+    std::fflush(stdout);
+  }
+  json_value_free(root);
+  return strdup(answer.c_str());
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int Initialize(
+    QxClientFuncs* funcs) {
+  std::memset(funcs, 0, sizeof *funcs);
+  funcs->SetHostFuncs = [](QXHostFuncs* host) { g_host = host; };
+  funcs->FreeString = [](char* text) { std::free(text); };
+  funcs->Invoke = Invoke;
+  return 0;
+}
