@@ -33,7 +33,12 @@ foreach(script postinst postrm)
     FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
                      GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 endforeach()
+# The native-messaging manifests under /etc are configuration files.
+file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles
+  "/etc/opt/chrome/native-messaging-hosts/zz.qx.${TESSMAR_MAKER}.${TESSMAR_PRODUCT}.json\n"
+  "/etc/chromium/native-messaging-hosts/zz.qx.${TESSMAR_MAKER}.${TESSMAR_PRODUCT}.json\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-  ${CMAKE_BINARY_DIR}/packaging/postinst ${CMAKE_BINARY_DIR}/packaging/postrm)
+  ${CMAKE_BINARY_DIR}/packaging/postinst ${CMAKE_BINARY_DIR}/packaging/postrm
+  ${CMAKE_BINARY_DIR}/packaging/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)
