@@ -1,0 +1,117 @@
+// Web pages reaching native modules in real, headless browsers: the example
+// extension, the native-messaging adapter and the library, in-process and
+// in host mode, in Firefox ESR and Chromium.
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import path from 'node:path';
+import { describe, test } from 'node:test';
+
+import { browsers, invoke, MODULE_VERSION, openPage, waitForCallbacks, withBrowser }
+  from './harness.mjs';
+
+const bytes = (text) => Buffer.byteLength(text, 'utf8');
+
+// The tab id the extension filled in, read back from a reply envelope.
+function tabidOf(envelope) {
+  const match = /"tabid":"([^"]*)"/.exec(envelope);
+  assert.ok(match, envelope);
+  assert.match(match[1], /^\d+$/);
+  return match[1];
+}
+
+// The echo module's envelope for `request` as the extension sends it: the
+// page's members in their order, "tabid" and "origin" overwritten or added.
+function echoEnvelope(request, tabid, origin) {
+  const sent = JSON.stringify({ ...request, tabid, origin });
+  return `{"response": {"id": "${request.id}", "tabid":"${tabid}", "status":"TRUE", ` +
+    `"reply":{"module":"echo","origin":"${origin}","id":"${request.id}",` +
+    `"length":${bytes(sent)}}, "callback": "${request.callback ?? ''}"}}`;
+}
+
+function pingCallback(tabid, callback, id) {
+  return `{"response":{"id":"setcallback", "tabid":"${tabid}", "callback":"${callback}", ` +
+    `"reply":{"module":"echo","event":"ping","id":"${id}"}}}`;
+}
+
+const fifo = (sandbox) =>
+  path.join(sandbox.configDir, '.wpelmoramorrowhostTessmarFirefox');
+
+for (const name of Object.keys(browsers)) {
+  describe(name, { skip: !fs.existsSync(browsers[name].executable) && `${name} is not installed` }, () => {
+    test('pages reach the modules through the in-process library', async (t) => {
+      await withBrowser(name, {}, async ({ browser, sandbox, server }) => {
+        const page = await openPage(browser, `${server.origin}/a`);
+
+        await t.test('version query', async () => {
+          assert.deepEqual(await invoke(page, { init: 'get_version', module: 'echo' }),
+                           { reply: `"version: ${MODULE_VERSION}"` });
+        });
+
+        await t.test('native request to the echo module, envelope byte for byte', async () => {
+          const request = { cmd: 'native', id: '1', callback: 'onEcho', module: 'echo', note: 'é ✓' };
+          const { reply } = await invoke(page, request);
+          assert.equal(reply, echoEnvelope(request, tabidOf(reply), server.origin));
+          // The text form of a request is served alike.
+          const again = await invoke(page, JSON.stringify(request));
+          assert.equal(again.reply, reply);
+        });
+
+        await t.test('a page cannot speak for another tab or origin', async () => {
+          const request = { cmd: 'native', id: '2', tabid: '999', origin: 'https://bank.example', module: 'echo' };
+          const { reply } = await invoke(page, request);
+          const tabid = tabidOf(reply);
+          assert.notEqual(tabid, '999');
+          assert.equal(reply, echoEnvelope(request, tabid, server.origin));
+          assert.ok(!reply.includes('bank.example'), reply);
+        });
+
+        await t.test('refused module and refused requests', async () => {
+          const { reply } = await invoke(page, { cmd: 'native', id: '3', module: 'blocked' });
+          assert.match(reply, /"status":"BLOCK:CLIENT", "reply":\{\}/);
+          assert.deepEqual(await invoke(page, 'not json'),
+                           { error: 'a request must be a JSON object' });
+          // No module file at all.
+          const none = await invoke(page, { cmd: 'native', id: '4', module: 'none' });
+          assert.match(none.reply, /"status":"FALSE", "reply":\{\}/);
+        });
+
+        await t.test('callbacks reach their own tab only', async () => {
+          const other = await openPage(browser, `${server.origin}/b`);
+          const first = await invoke(page, { cmd: 'setcallback', id: '5', callback: 'cbA', module: 'echo' });
+          const tabA = tabidOf(first.reply);
+          assert.match(first.reply, /"status":"TRUE", "reply":\{"module":"echo","registered":true,"callback":"cbA"\}/);
+          assert.deepEqual(await waitForCallbacks(page, 1), [pingCallback(tabA, 'cbA', '5')]);
+
+          const second = await invoke(other, { cmd: 'setcallback', id: '6', callback: 'cbB', module: 'echo' });
+          const tabB = tabidOf(second.reply);
+          assert.notEqual(tabB, tabA);
+          assert.deepEqual(await waitForCallbacks(other, 1), [pingCallback(tabB, 'cbB', '6')]);
+          // Give a stray delivery time to show up before looking.
+          await new Promise((resolve) => setTimeout(resolve, 300));
+          assert.equal((await page.evaluate(() => window.received)).length, 1);
+          assert.equal((await other.evaluate(() => window.received)).length, 1);
+        });
+
+        assert.ok(!fs.existsSync(fifo(sandbox)), 'no host was started');
+      });
+    });
+
+    test('the adapter in host mode serves pages through the reference host', async (t) => {
+      await withBrowser(name, { hostMode: true }, async ({ browser, sandbox, server }) => {
+        const page = await openPage(browser, `${server.origin}/host`);
+        await t.test('version query and echo request', async () => {
+          assert.deepEqual(await invoke(page, { init: 'get_version', module: 'echo' }),
+                           { reply: `"version: ${MODULE_VERSION}"` });
+          assert.ok(fs.existsSync(fifo(sandbox)), 'the host\'s FIFOs exist');
+          const request = { cmd: 'native', id: '7', module: 'echo', origin: 'https://bank.example' };
+          const { reply } = await invoke(page, request);
+          assert.equal(reply, echoEnvelope(request, tabidOf(reply), server.origin));
+        });
+        await t.test('callback from the host', async () => {
+          const { reply } = await invoke(page, { cmd: 'setcallback', id: '8', callback: 'cbH', module: 'echo' });
+          assert.deepEqual(await waitForCallbacks(page, 1), [pingCallback(tabidOf(reply), 'cbH', '8')]);
+        });
+      });
+    });
+  });
+}

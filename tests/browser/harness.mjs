@@ -1,0 +1,214 @@
+// What every browser test needs: a temporary HOME holding a signed sandbox
+// installation of the built library (with the adapter installed as
+// TessmarChrome and the example module signed), a page server on
+// 127.0.0.1, and a headless Firefox ESR or Chromium with the example
+// extension, started with a hard time limit and killed with everything it
+// started.
+import { execFileSync } from 'node:child_process';
+import fs from 'node:fs';
+import http from 'node:http';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+
+import puppeteer from 'puppeteer-core';
+
+const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
+export const extensionDir = path.join(root, 'extension');
+const buildDir = path.resolve(root, process.env.TESSMAR_BUILD_DIR ?? 'build/tests');
+const built = {
+  library: 'src/libTessmarFirefox.so',
+  host: 'tools/reference-host/TessmarFirefox',
+  adapter: 'tools/nm-host/tessmar-nm-host',
+  sign: 'tools/tessmar-sign/tessmar-sign',
+  echo: 'examples/echo_module/libtessmar_echo_module.so',
+};
+
+export const HOST_NAME = 'zz.qx.pelmora.morrowhost';
+const FIREFOX_ID = 'morrowhost@tessmar.example';
+const CHROMIUM_ID = 'iaghghbfgccdnekniolijnbhddkhdjnl';
+export const MODULE_VERSION = '1.0.0.1';
+
+// Every browser session ends within this, whatever happens in it.
+const SESSION_LIMIT_MS = 90_000;
+
+export const browsers = {
+  firefox: { executable: '/usr/bin/firefox-esr' },
+  chromium: { executable: '/usr/lib/chromium/chromium' },
+};
+
+function builtFile(name) {
+  const file = path.join(buildDir, built[name]);
+  if (!fs.existsSync(file)) {
+    throw new Error(`${file} is missing: build the project first (scripts/browser-test.sh)`);
+  }
+  return file;
+}
+
+function copyExecutable(from, to) {
+  fs.mkdirSync(path.dirname(to), { recursive: true });
+  fs.copyFileSync(from, to);
+  fs.chmodSync(to, 0o755);
+}
+
+// A sandbox installation in a fresh temporary directory, signed with the
+// built tessmar-sign, and this user's native-messaging manifest for
+// `browser`. `hostMode` makes the manifest start the adapter with --host.
+export function makeSandbox(browser, { hostMode = false } = {}) {
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), `tessmar-${browser}-`));
+  const home = path.join(dir, 'home');
+  const install = path.join(home, 'opt', 'tessmar');
+  const adapter = path.join(install, 'TessmarChrome');
+  copyExecutable(builtFile('library'), path.join(install, 'libTessmarFirefox.so'));
+  copyExecutable(builtFile('host'), path.join(install, 'TessmarFirefox'));
+  copyExecutable(builtFile('adapter'), adapter);
+  const echo = path.join(install, 'modules', 'libtessmar_echo_module.so');
+  copyExecutable(builtFile('echo'), echo);
+
+  const configDir = path.join(home, '.config', 'Pelmora', 'Tessmar', 'morrowhost');
+  fs.mkdirSync(configDir, { recursive: true });
+  fs.writeFileSync(path.join(configDir, 'config.json'),
+                   JSON.stringify({ Tessmar: install, Version: '2.5.0.1' }));
+  const env = { ...process.env, HOME: home };
+  const sign = (...args) => execFileSync(builtFile('sign'), args, { env, stdio: 'pipe' });
+  sign('install');
+  sign('module', 'echo', echo, '--version', MODULE_VERSION);
+  // A module whose signature does not match its file.
+  fs.writeFileSync(path.join(configDir, 'blocked.json'), JSON.stringify({
+    Name: 'blocked', Path: echo, Sig: 'A'.repeat(43) + '=', Version: '1.0.0.0',
+  }));
+
+  const profile = path.join(dir, 'profile');
+  const manifestDir = browser === 'firefox'
+    ? path.join(home, '.mozilla', 'native-messaging-hosts')
+    : path.join(profile, 'NativeMessagingHosts');
+  if (hostMode) {
+    // A manifest cannot pass options: a wrapper does.
+    const wrapper = path.join(dir, 'nm-host-in-host-mode');
+    fs.writeFileSync(wrapper, `#!/bin/sh\nexec '${adapter}' --host "$@"\n`, { mode: 0o755 });
+    fs.mkdirSync(manifestDir, { recursive: true });
+    fs.writeFileSync(path.join(manifestDir, `${HOST_NAME}.json`), JSON.stringify({
+      name: HOST_NAME, description: 'Tessmar (host mode)', path: wrapper, type: 'stdio',
+      ...(browser === 'firefox'
+        ? { allowed_extensions: [FIREFOX_ID] }
+        : { allowed_origins: [`chrome-extension://${CHROMIUM_ID}/`] }),
+    }));
+  } else {
+    // The adapter writes its own manifest, as a user would have it do.
+    execFileSync(adapter, ['--install-manifests', browser, '--dir', manifestDir],
+                 { env, stdio: 'pipe' });
+  }
+  return { dir, home, install, configDir, profile, env };
+}
+
+// Serves a blank page at every path, so that each tab can have a page of
+// its own on one origin.
+export async function startServer() {
+  const server = http.createServer((request, response) => {
+    response.setHeader('content-type', 'text/html; charset=utf-8');
+    response.end(`<!doctype html><title>${request.url}</title><p>test page</p>`);
+  });
+  await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+  const origin = `http://127.0.0.1:${server.address().port}`;
+  return { origin, close: () => new Promise((resolve) => server.close(resolve)) };
+}
+
+// Kills what is left of a session: the browser's process group, and any
+// process running a program of the sandbox (the adapter and the host may
+// sit in process groups of their own).
+function killSession(browserProcess, sandbox) {
+  if (browserProcess?.pid) {
+    try {
+      process.kill(-browserProcess.pid, 'SIGKILL');
+    } catch {
+      // already gone
+    }
+  }
+  for (const pid of fs.readdirSync('/proc').filter((name) => /^\d+$/.test(name))) {
+    let exe;
+    try {
+      exe = fs.readlinkSync(`/proc/${pid}/exe`);
+    } catch {
+      continue;
+    }
+    if (exe.startsWith(sandbox.dir + path.sep)) {
+      try {
+        process.kill(Number(pid), 'SIGKILL');
+      } catch {
+        // already gone
+      }
+    }
+  }
+}
+
+async function launch(browser, sandbox) {
+  const common = {
+    executablePath: browsers[browser].executable,
+    headless: true,
+    userDataDir: sandbox.profile,
+    env: sandbox.env,
+    protocolTimeout: 30_000,
+  };
+  if (browser === 'firefox') {
+    return puppeteer.launch({ ...common, browser: 'firefox' });
+  }
+  const args = ['--enable-unsafe-extension-debugging'];
+  if (process.getuid() === 0) args.push('--no-sandbox');
+  return puppeteer.launch({ ...common, pipe: true, enableExtensions: true, args });
+}
+
+// Runs `body({browser, sandbox, server})` with the extension installed,
+// then closes the browser and kills what it started; fails when the whole
+// session takes longer than SESSION_LIMIT_MS.
+export async function withBrowser(browserName, options, body) {
+  const sandbox = makeSandbox(browserName, options);
+  const server = await startServer();
+  let browser;
+  let timer;
+  const limit = new Promise((_, reject) => {
+    timer = setTimeout(() => {
+      killSession(browser?.process(), sandbox);
+      reject(new Error(`${browserName} session over ${SESSION_LIMIT_MS} ms: killed`));
+    }, SESSION_LIMIT_MS);
+  });
+  try {
+    return await Promise.race([limit, (async () => {
+      browser = await launch(browserName, sandbox);
+      await browser.installExtension(extensionDir);
+      return body({ browser, sandbox, server });
+    })()]);
+  } finally {
+    clearTimeout(timer);
+    const closing = browser?.close().catch(() => {});
+    await Promise.race([closing, new Promise((resolve) => setTimeout(resolve, 5_000))]);
+    killSession(browser?.process(), sandbox);
+    await server.close();
+    fs.rmSync(sandbox.dir, { recursive: true, force: true });
+  }
+}
+
+// A new tab at `url` whose page API is ready, collecting the callbacks it
+// receives in window.received.
+export async function openPage(browser, url) {
+  const page = await browser.newPage();
+  await page.goto(url);
+  await page.waitForFunction(() => typeof window.tessmar === 'object',
+                              { timeout: 10_000, polling: 50 });
+  await page.evaluate(() => {
+    window.received = [];
+    window.tessmar.onCallback((text) => window.received.push(text));
+  });
+  return page;
+}
+
+// invoke() in the page; resolves with {reply} or {error}.
+export function invoke(page, request) {
+  return page.evaluate((r) => window.tessmar.invoke(r).then(
+    (reply) => ({ reply }), (error) => ({ error: error.message })), request);
+}
+
+export async function waitForCallbacks(page, count, timeout = 5_000) {
+  // Polled by time: a tab in the background gets no animation frames.
+  await page.waitForFunction((n) => window.received.length >= n, { timeout, polling: 50 }, count);
+  return page.evaluate(() => window.received.slice());
+}
