@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests and demo need, skipping the
 # ones already present. Runs as root (CI) or through sudo when available.
+# --browsers adds what the browser tests need (scripts/browser-test.sh).
 set -euo pipefail
 
 packages=(
@@ -13,6 +14,11 @@ packages=(
   dpkg-dev lintian         # the Debian package: dependencies and checks
   clang-14 libclang-rt-14-dev  # libFuzzer targets
 )
+if [ "${1:-}" = "--browsers" ]; then
+  packages+=(firefox-esr chromium nodejs)  # headless end-to-end tests
+  # Debian's nodejs comes without npm; other builds of it bring their own.
+  command -v npm >/dev/null || packages+=(npm)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -47,4 +47,8 @@ if [ "$(id -u)" -eq 0 ]; then
 else
   echo "=== Debian package test SKIPPED: it installs a package and needs root"
 fi
+# Web pages through the example extension and the native-messaging adapter,
+# in headless Firefox ESR and Chromium.
+echo "=== browsers (Firefox ESR, Chromium)"
+bash "$root/scripts/browser-test.sh"
 echo "=== all tests passed"
