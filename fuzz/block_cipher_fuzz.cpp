@@ -27,32 +27,39 @@ struct Setup {
   const unsigned char* iv;
 };
 
-// Runs init, the updates of the given sizes over `text`, and final, with
-// the documented output room; returns the output, or nothing on an error.
+// Runs init (after a first init with other material when `reinit`), the
+// updates of the given sizes over `text`, and final, each with exactly the
+// documented output room; returns the output, or nothing on an error.
 bool Run(const Setup& s, const std::string& text,
-         const std::vector<uint32_t>& sizes, std::string* out) {
+         const std::vector<uint32_t>& sizes, std::string* out,
+         bool reinit = false) {
   BLOCK_CIPHER_CTX* ctx = new_BLOCK_CIPHER_CTX();
   if (ctx == nullptr) std::abort();
+  if (reinit) {
+    static const unsigned char other[32] = {1, 2, 3};
+    init_BlockCipher(ctx, BC_ALG_AES256, BC_MODE_CBC, 0, other, other, 1);
+  }
   bool ok = init_BlockCipher(ctx, s.algorithm, s.mode, s.no_padding, s.key,
                              s.iv, s.direction) == 0;
   std::size_t done = 0;
   for (std::size_t i = 0; ok && i < sizes.size(); ++i) {
     const uint32_t n = static_cast<uint32_t>(
         std::min<std::size_t>(sizes[i], text.size() - done));
-    std::vector<unsigned char> room(n + 32);
+    // A vector of its own, so that AddressSanitizer sees a byte past it.
+    std::vector<unsigned char> room(n + 16);
     uint32_t produced = 0;
     ok = update_BlockCipher(ctx,
                             reinterpret_cast<const unsigned char*>(text.data()) + done,
                             n, room.data(), &produced) == 0;
-    if (produced > n + 16) std::abort();  // beyond the promised room
+    if (produced > room.size()) std::abort();
     if (ok) out->append(reinterpret_cast<char*>(room.data()), produced);
     done += n;
   }
-  unsigned char last[32];
+  std::vector<unsigned char> last(32);
   uint32_t produced = 0;
-  if (ok) ok = final_BlockCipher(ctx, last, &produced) == 0;
-  if (produced > sizeof last) std::abort();
-  if (ok) out->append(reinterpret_cast<char*>(last), produced);
+  if (ok) ok = final_BlockCipher(ctx, last.data(), &produced) == 0;
+  if (produced > last.size()) std::abort();
+  if (ok) out->append(reinterpret_cast<char*>(last.data()), produced);
   free_BLOCK_CIPHER_CTX(ctx);
   return ok;
 }
@@ -67,7 +74,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const uint8_t m = input.Byte();
   s.mode = m < 0xf0 ? kModes[m % 6] : m;
   s.no_padding = input.Byte() % 3;
-  s.direction = input.Byte() % 3 == 0 ? 0 : 1;
+  static constexpr int kDirections[] = {0, 1, 1, 2, -1};
+  s.direction = kDirections[input.Byte() % 5];
   const uint8_t present = input.Byte();
   const std::string key = input.Bytes(32) + std::string(32, '\0');
   const std::string iv = input.Bytes(16) + std::string(16, '\0');
@@ -79,10 +87,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
 
   // Any sequence: no crash, no write beyond the room.
   std::string ignored;
-  Run(s, text, sizes, &ignored);
+  Run(s, text, sizes, &ignored, (present & 8) != 0);
 
   // A real encryption and its decryption.
-  if (s.key == nullptr || s.iv == nullptr || s.mode > 0x50 ||
+  if (s.key == nullptr || (s.iv == nullptr && s.mode != BC_MODE_ECB) ||
+      s.mode > BC_MODE_CTR ||
       s.mode == BC_MODE_CFB_DIRECTIONAL || a >= 0xf0 || text.empty()) {
     return 0;
   }

@@ -3,6 +3,7 @@
 #ifndef TESSMAR_FUZZ_FUZZ_INPUT_H
 #define TESSMAR_FUZZ_FUZZ_INPUT_H
 
+#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,18 +49,39 @@ inline std::pair<std::string, std::string> SplitAt(const std::string& text,
   return {text.substr(0, at), text.substr(at + 1)};
 }
 
-// A fresh directory under TMPDIR used as HOME for the whole run, with the
-// user configuration directory made; returns that directory.
+inline void MakeDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), 0755) != 0) std::abort();
+}
+
+inline std::string& FuzzHome() {
+  static std::string home;
+  return home;
+}
+
+inline void RemoveFuzzHome() {
+  nftw(
+      FuzzHome().c_str(),
+      [](const char* path, const struct stat*, int, struct FTW*) {
+        return std::remove(path);
+      },
+      16, FTW_DEPTH | FTW_PHYS);
+}
+
+// A fresh directory under TMPDIR used as HOME for the whole run (removed at
+// a normal exit), with the user configuration directory made; returns that
+// directory.
 inline std::string MakeFuzzHome() {
   const char* tmp = std::getenv("TMPDIR");
   std::string home = std::string(tmp != nullptr ? tmp : "/tmp") +
                      "/tessmar-fuzz-XXXXXX";
   if (mkdtemp(&home[0]) == nullptr) std::abort();
+  FuzzHome() = home;
+  std::atexit(RemoveFuzzHome);
   setenv("HOME", home.c_str(), 1);
   std::string dir = home;
   for (const char* level : {"/.config", "/Pelmora", "/Tessmar", "/morrowhost"}) {
     dir += level;
-    mkdir(dir.c_str(), 0755);
+    MakeDirectory(dir);
   }
   return dir;
 }

@@ -1,23 +1,66 @@
 // The in-process request path: any text given to tsmx_Invoke with no host
 // running, and to process_request with its exact length. A private HOME holds
-// a configuration with a few module files, none of which can be loaded.
-#include <cstring>
+// a signed installation and a few module files: one unsigned, one with a
+// wrong signature, one broken, and one correctly signed whose "library" is a
+// text file, so requests get as far as dlopen, which refuses it. Nothing the
+// loader can open runs code of its own.
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "fuzz_input.h"
 #include "tessmar/bridge.h"
+#include "tessmar/config.h"
 #include "tessmar/modhost.h"
+#include "tessmar/signature.h"
+
+namespace {
+
+std::string Config(const std::string& install, const std::string& sig) {
+  return R"({"Tessmar":")" + install +
+         R"(","Version":"1.2.3.4","TessmarClient":"/nonexistent/client","Sig":")" +
+         sig + R"("})";
+}
+
+std::string ModuleFile(const std::string& name, const std::string& path,
+                       const std::string& sig, const std::string& version) {
+  return R"({"Name":")" + name + R"(","Path":")" + path + R"(","Sig":")" + sig +
+         R"(","Version":")" + version + R"("})";
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   using tessmar::fuzz::WriteFile;
   const std::string dir = tessmar::fuzz::MakeFuzzHome();
-  WriteFile(dir + "/config.json",
-            R"({"Tessmar":"/nonexistent/tessmar","Version":"1.2.3.4","Sig":"x"})");
+  const std::string install = std::string(std::getenv("HOME")) + "/install";
+  tessmar::fuzz::MakeDirectory(install);
+
+  // The installation signature over the (absent) installed files.
+  WriteFile(dir + "/config.json", Config(install, ""));
+  std::string sig_path;
+  const std::string sig = MakeBase64Encode(
+      makeSig("morrowhost", "pelmora", std::string(), sig_path));
+  WriteFile(dir + "/config.json", Config(install, sig));
+
+  const std::string fake = install + "/libfake.so";
+  WriteFile(fake, "not a shared library\n");
+  WriteFile(dir + "/signed.json",
+            ModuleFile("signed", fake,
+                       MakeBase64Encode(makeClientSig("morrowhost", "pelmora", fake)),
+                       "2.0.0.1"));
   WriteFile(dir + "/morrowhost.json",
-            R"({"Name":"morrowhost","Path":"/nonexistent/m.so","Sig":"AAAA","Version":"3.1.0.7"})");
+            ModuleFile("morrowhost", "/nonexistent/m.so", "AAAA", "3.1.0.7"));
   WriteFile(dir + "/echo.json",
             R"({"Name":"echo","Path":"/nonexistent/e.so","Version":"1.0.0.1"})");
   WriteFile(dir + "/broken.json", R"({"Name":"broken",)");
+
+  // Without these the signed module would be refused before dlopen.
+  if (!CheckModuleSignature() ||
+      GetClientInstallPathModule("signed", true) != fake) {
+    std::fprintf(stderr, "request_fuzz: the signed set-up is not accepted\n");
+    std::abort();
+  }
   return 0;
 }
 
@@ -26,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   // As the extension passes it: a C string, ending at the first NUL.
   tsmx_Free(tsmx_Invoke(text.c_str()));
   process_request(nullptr, text.data(), static_cast<int>(text.size()), nullptr);
-  // Nothing here queues callbacks, but drain in case a path ever does.
+  // No module loads, so nothing queues callbacks; drain in case a path does.
   for (;;) {
     char* queued = tsmx_Pop();
     const bool empty = queued == nullptr || *queued == '\0';

@@ -1,43 +1,79 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets (clang, AddressSanitizer + UBSan, build/fuzz)
-# and runs one of them.
-#   scripts/fuzz.sh TARGET SECONDS [LIBFUZZER_ARGS...]   fuzz for that long
-#   scripts/fuzz.sh --list                                the targets
+# Builds the libFuzzer targets (clang-14, AddressSanitizer + UBSan, in
+# build/fuzz) and runs one of them.
+#
+#   scripts/fuzz.sh TARGET SECONDS [LIBFUZZER_ARGS...]  fuzz TARGET that long
+#   scripts/fuzz.sh --merge TARGET   fold what runs found into the committed
+#                                    corpus, keeping one input per new edge
+#   scripts/fuzz.sh --list           the targets
 #   scripts/fuzz.sh --help
-# The run starts from the committed corpus (fuzz/corpus/TARGET) and keeps the
-# inputs it finds in build/fuzz/corpus/TARGET; crashes go to build/fuzz/.
-# To keep a new input, merge it into the committed corpus:
-#   build/fuzz/fuzz/TARGET -merge=1 fuzz/corpus/TARGET build/fuzz/corpus/TARGET
-# Exit status: 0 nothing found, 1 the target found a crash or the build
-# failed, 2 bad arguments.
+#
+# A run reads the committed corpus (fuzz/corpus/TARGET) without writing to
+# it and keeps the inputs it finds in the scratch directory
+# build/fuzz/corpus/TARGET; a crashing input is saved as
+# build/fuzz/crash-* (or leak-*, timeout-*). Extra arguments go to libFuzzer,
+# e.g. -max_len=256 or -runs=1000000 (the time bound still applies).
+#
+# Exit status: 0 nothing found (or merged), 1 the target found a problem,
+# 2 bad arguments, 3 the build or the merge failed.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build="$root/build/fuzz"
 targets=$(sed -n 's/^tessmar_add_fuzzer(\([a-z_0-9]*\).*/\1/p' "$root/fuzz/CMakeLists.txt")
-usage() { sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; }
+
+usage() { sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; }
+die() { echo "fuzz.sh: $2" >&2; exit "$1"; }
+known() { grep -qx -- "$1" <<<"$targets"; }
+
+# build_target <target>: configures build/fuzz if needed and builds one
+# target; the build output is shown only when it fails.
+build_target() {
+  bash "$root/scripts/install-deps.sh" || die 3 "installing the dependencies failed"
+  local log
+  log=$(mktemp)
+  if ! { cmake -S "$root" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 \
+           -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSMAR_FUZZ=ON \
+           -DTESSMAR_SANITIZE=address,undefined &&
+         cmake --build "$build" -j 2 --target "$1"; } >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    die 3 "building $1 failed"
+  fi
+  rm -f "$log"
+}
+
+export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 
 case "${1:-}" in
   -h | --help) usage; exit 0 ;;
   --list) echo "$targets"; exit 0 ;;
+  --merge)
+    [ $# -eq 2 ] && known "$2" ||
+      die 2 "expected --merge TARGET, TARGET one of: $(echo $targets)"
+    target=$2 committed="$root/fuzz/corpus/$2" found="$build/corpus/$2"
+    [ -d "$found" ] || die 2 "nothing to merge: $found does not exist"
+    build_target "$target"
+    fresh=$(mktemp -d)
+    trap 'rm -rf "$fresh"' EXIT
+    # Edges without hit counts, so that the committed corpus stays small.
+    "$build/fuzz/$target" -merge=1 -use_counters=0 "$fresh" "$committed" "$found" \
+      >"$fresh.log" 2>&1 || { cat "$fresh.log" >&2; rm -f "$fresh.log"; die 3 "merging failed"; }
+    rm -f "$fresh.log"
+    # libFuzzer names the kept inputs by their SHA-1.
+    rm -f "$committed"/*
+    cp "$fresh"/* "$committed"/
+    echo "$target: $(ls "$committed" | wc -l) inputs in fuzz/corpus/$target"
+    exit 0 ;;
 esac
-if [ $# -lt 2 ] || ! grep -qx -- "$1" <<<"$targets" || ! [[ "$2" =~ ^[0-9]+$ ]]; then
-  echo "fuzz.sh: expected TARGET SECONDS, TARGET one of: $(echo $targets)" >&2
-  exit 2
-fi
+
+[ $# -ge 2 ] && known "$1" && [[ "$2" =~ ^[1-9][0-9]*$ ]] ||
+  die 2 "expected TARGET SECONDS (SECONDS > 0), TARGET one of: $(echo $targets)"
 target=$1 seconds=$2
 shift 2
 
-bash "$root/scripts/install-deps.sh"
-build="$root/build/fuzz"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSMAR_FUZZ=ON \
-  -DTESSMAR_SANITIZE=address,undefined >/dev/null
-cmake --build "$build" --target "$target" >/dev/null ||
-  { echo "fuzz.sh: building $target failed" >&2; exit 1; }
-
-work="$build/corpus/$target"
-mkdir -p "$work"
-export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1"
-export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+build_target "$target"
+mkdir -p "$build/corpus/$target"
 "$build/fuzz/$target" -max_total_time="$seconds" -print_final_stats=1 \
-  -artifact_prefix="$build/" "$@" "$work" "$root/fuzz/corpus/$target" ||
-  { echo "fuzz.sh: $target found a problem; see the artifact in $build" >&2; exit 1; }
+  -artifact_prefix="$build/" "$@" "$build/corpus/$target" "$root/fuzz/corpus/$target" ||
+  die 1 "$target found a problem; the input is saved in $build (see above)"
