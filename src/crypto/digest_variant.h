@@ -1,10 +1,11 @@
 // The compression functions behind the digest contexts: the portable code,
-// which is the reference and the fallback, and variants for the x86-64 SHA
-// instructions. One is picked once, at first use, from what the CPU reports;
-// the context code calls it for every whole block, straight from the
-// caller's buffer where it can.
+// which is the reference and the fallback, and variants for x86-64: the SHA
+// instructions for SHA-1 and SHA-256, AVX2 with BMI for SHA-512. Each digest
+// has one dispatch point, picked once, at first use, from what the CPU
+// reports; the context code calls it for every whole block, straight from
+// the caller's buffer where it can.
 //
-// MD5 and SHA-512 have no hardware form on x86-64 and only the portable one.
+// MD5 has no hardware form on x86-64 and only the portable one.
 #ifndef TESSMAR_SRC_CRYPTO_DIGEST_VARIANT_H
 #define TESSMAR_SRC_CRYPTO_DIGEST_VARIANT_H
 
@@ -19,6 +20,10 @@ using Sha1BlocksFn = void (*)(uint32_t state[5], const unsigned char* data,
 using Sha256BlocksFn = void (*)(uint32_t state[8], const unsigned char* data,
                                 std::size_t blocks);
 
+using Sha512BlocksFn = void (*)(uint64_t state[8], const unsigned char* data,
+                                std::size_t blocks);
+
+// SHA-1 and SHA-256, which the SHA extensions accelerate together.
 struct DigestVariant {
   const char* name;  // "portable", "shani"
   Sha1BlocksFn sha1_blocks;
@@ -35,6 +40,19 @@ const DigestVariant* DigestVariantNamed(const char* name);
 // Makes `variant` the one in use; tests only, never called by the library.
 void UseDigestVariantForTesting(const DigestVariant& variant);
 
+// SHA-512 (128-byte blocks).
+struct Sha512Variant {
+  const char* name;  // "portable", "avx2"
+  Sha512BlocksFn blocks;
+};
+
+// As above: the one in use; each by name ("portable" always, "avx2" only
+// with AVX2, BMI1, BMI2 and the YMM state enabled by the OS), null
+// otherwise; and a test-only override.
+const Sha512Variant& ActiveSha512();
+const Sha512Variant* Sha512VariantNamed(const char* name);
+void UseSha512VariantForTesting(const Sha512Variant& variant);
+
 // The variants themselves; the hardware ones are only to be called when
 // DigestVariantNamed hands them out.
 void Sha1BlocksPortable(uint32_t state[5], const unsigned char* data,
@@ -45,6 +63,10 @@ void Sha1BlocksShaNi(uint32_t state[5], const unsigned char* data,
                      std::size_t blocks);
 void Sha256BlocksShaNi(uint32_t state[8], const unsigned char* data,
                        std::size_t blocks);
+void Sha512BlocksPortable(uint64_t state[8], const unsigned char* data,
+                          std::size_t blocks);
+void Sha512BlocksAvx2(uint64_t state[8], const unsigned char* data,
+                      std::size_t blocks);
 
 }  // namespace tessmar::crypto
 
