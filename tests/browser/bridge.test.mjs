@@ -92,6 +92,29 @@ for (const name of Object.keys(browsers)) {
           assert.equal((await other.evaluate(() => window.received)).length, 1);
         });
 
+        await t.test('the demo page', async () => {
+          const demo = await browser.newPage();
+          await demo.goto(`${server.origin}/demo/index.html`);
+          // One button at a time: each reply is a line of its own.
+          const buttons = ['version', 'echo', 'callback', 'blocked'];
+          for (const [index, button] of buttons.entries()) {
+            await demo.click(`#${button}`);
+            await demo.waitForFunction(
+              (n) => document.querySelector('#replies').textContent.split('\n').length > n,
+              { timeout: 5_000, polling: 50 }, index + 1);
+          }
+          await demo.waitForFunction(() => document.querySelector('#callbacks').textContent !== '',
+                                     { timeout: 5_000, polling: 50 });
+          const replies = await demo.$eval('#replies', (e) => e.textContent);
+          assert.match(replies, /^version: "version: 1\.0\.0\.1"$/m);
+          assert.match(replies, new RegExp(`^echo: .*"status":"TRUE", "reply":\\{"module":"echo","origin":"${server.origin}"`, 'm'));
+          assert.ok(!replies.includes('claimed.example'), replies);
+          assert.match(replies, /^callback: .*"registered":true/m);
+          assert.match(replies, /^blocked: .*"status":"BLOCK:CLIENT"/m);
+          assert.match(await demo.$eval('#callbacks', (e) => e.textContent),
+                       /^callback: \{"response":\{"id":"setcallback", .*"callback":"onPing", "reply":\{"module":"echo","event":"ping"/m);
+        });
+
         assert.ok(!fs.existsSync(fifo(sandbox)), 'no host was started');
       });
     });

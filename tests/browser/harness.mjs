@@ -101,10 +101,17 @@ export function makeSandbox(browser, { hostMode = false } = {}) {
   return { dir, home, install, configDir, profile, env };
 }
 
-// Serves a blank page at every path, so that each tab can have a page of
-// its own on one origin.
+// Serves the demo page under /demo/ and a blank page at every other path,
+// so that each tab can have a page of its own on one origin.
 export async function startServer() {
   const server = http.createServer((request, response) => {
+    const demo = /^\/demo\/([a-z]+\.(html|js))$/.exec(request.url);
+    if (demo) {
+      response.setHeader('content-type',
+                         demo[2] === 'js' ? 'text/javascript' : 'text/html; charset=utf-8');
+      response.end(fs.readFileSync(path.join(extensionDir, 'demo', demo[1])));
+      return;
+    }
     response.setHeader('content-type', 'text/html; charset=utf-8');
     response.end(`<!doctype html><title>${request.url}</title><p>test page</p>`);
   });
