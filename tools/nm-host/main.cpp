@@ -447,6 +447,8 @@ class Inbox {
   std::deque<Item> items_;
 };
 
+Inbox* g_inbox = nullptr;
+
 // Reads the extension's messages until the end of input. Runs detached: at
 // exit it may still wait in read(), so what it uses is never destroyed.
 void ReadMessages(int fd, Inbox* inbox) {
@@ -621,7 +623,8 @@ int main(int argc, char** argv) {
     if (!StartHost(bridge)) return kExitStartupFailed;
   }
 
-  auto* inbox = new Inbox;  // outlives the detached reader
-  std::thread(ReadMessages, in, inbox).detach();
-  return Server(bridge, out, options.host).Run(*inbox);
+  // Never destroyed: the detached reader may use it until the very exit.
+  g_inbox = new Inbox;
+  std::thread(ReadMessages, in, g_inbox).detach();
+  return Server(bridge, out, options.host).Run(*g_inbox);
 }
