@@ -55,6 +55,12 @@ constexpr unsigned MessageIndex(unsigned i) {
 // Step I of the 64. Instead of shuffling a, b, c, d after every step, the
 // roles rotate over the four words of v, so the fully expanded sequence
 // keeps everything in registers.
+// b is the word the previous step produced, so everything that does not
+// need it (a, the message word, the constant, and the parts of the round
+// function made of c and d alone) is summed first and b comes in last. The
+// second round's function is taken as the sum (c & ~d) + (b & d) of two
+// terms without common bits, so only one AND waits for b. The empty asm
+// statements keep the compiler from regrouping the sums.
 // Inlining is forced because GCC otherwise leaves some of the instantiations
 // as out-of-line calls.
 template <unsigned I>
@@ -64,17 +70,25 @@ template <unsigned I>
   const uint32_t b = v[(5 - I % 4) % 4];
   const uint32_t c = v[(6 - I % 4) % 4];
   const uint32_t d = v[(7 - I % 4) % 4];
-  uint32_t f;
+  uint32_t sum = a + x[MessageIndex(I)] + kSine[I];
   if constexpr (I < 16) {
-    f = d ^ (b & (c ^ d));
+    uint32_t c_xor_d = c ^ d;
+    asm("" : "+r"(sum), "+r"(c_xor_d));
+    sum += d ^ (b & c_xor_d);
   } else if constexpr (I < 32) {
-    f = c ^ (d & (b ^ c));
+    sum += c & ~d;
+    asm("" : "+r"(sum));
+    sum += b & d;
   } else if constexpr (I < 48) {
-    f = b ^ c ^ d;
+    uint32_t c_xor_d = c ^ d;
+    asm("" : "+r"(sum), "+r"(c_xor_d));
+    sum += b ^ c_xor_d;
   } else {
-    f = c ^ (b | ~d);
+    uint32_t not_d = ~d;
+    asm("" : "+r"(sum), "+r"(not_d));
+    sum += c ^ (b | not_d);
   }
-  a = b + rotl32(a + f + x[MessageIndex(I)] + kSine[I], kShift[I / 16][I % 4]);
+  a = b + rotl32(sum, kShift[I / 16][I % 4]);
 }
 
 template <unsigned... I>
