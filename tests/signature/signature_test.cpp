@@ -64,6 +64,36 @@ TEST(Digests, MatchOpenSslAndStretchedDigestMatchesTheTenRoundFormula) {
   EXPECT_EQ(tessmar::MakeStretchedDigest(""), "");
 }
 
+// The one-pass stretched digest (state kept after the seed's whole blocks,
+// the file streamed in pieces) against the ten rounds spelt out with the
+// exported digests, for seeds ending at every offset around block
+// boundaries: the rounds' appended digests then start anywhere in a block.
+std::string SpeltOutStretched(std::string acc) {
+  for (int round = 0; round < 10; ++round) {
+    const std::string h = MakeDigestSHA256(acc);
+    acc += MakeDigestSHA256(MakeDigestMD5(h.substr(16)) + MakeDigestMD5(h.substr(0, 16)));
+  }
+  return MakeDigestSHA256(acc);
+}
+
+TEST(StretchedDigest, OnePassEqualsTheSpeltOutRoundsAtEveryBlockOffset) {
+  TempHome home;
+  std::vector<std::size_t> sizes = {1024, 1025, 1055, 1056, 1057, 1087};
+  for (std::size_t size = 1; size <= 130; ++size) sizes.push_back(size);
+  for (std::size_t size : sizes) {
+    SCOPED_TRACE(size);
+    const std::string seed = BinaryData(size);
+    const std::string expected = SpeltOutStretched(seed);
+    ASSERT_EQ(tessmar::MakeStretchedDigest(seed), expected);
+    // The same seed as a prefix and a file, split at two places.
+    for (std::size_t cut : {std::size_t{0}, size / 2}) {
+      if (cut == size) continue;
+      const std::string file = home.WriteHomeFile("seed.bin", seed.substr(cut));
+      EXPECT_EQ(tessmar::MakeStretchedDigestOfFile(seed.substr(0, cut), file), expected);
+    }
+  }
+}
+
 TEST(Base64, EncodesOnOneLineAndDecodesWithAtMostATrailingLineBreak) {
   EXPECT_EQ(MakeBase64Encode(""), "");
   EXPECT_EQ(MakeBase64Encode("foobar"), "Zm9vYmFy");
