@@ -284,9 +284,11 @@ struct Bridge {
   char* (*Pop)(void) = nullptr;
   void (*Free)(char*) = nullptr;
   std::string (*InstallPath)() = nullptr;  // GetTessmarInstallPath()
+  void (*Unload)() = nullptr;               // UnloadQxClient()
 };
 
 constexpr char kInstallPathSymbol[] = "_Z21GetTessmarInstallPathB5cxx11v";
+constexpr char kUnloadSymbol[] = "_Z14UnloadQxClientv";
 
 template <typename Function>
 bool Resolve(void* library, const char* name, Function& out) {
@@ -315,7 +317,8 @@ bool LoadBridge(const std::string& path, Bridge& bridge) {
          Resolve(library, "tsmx_Invoke", bridge.Invoke) &&
          Resolve(library, "tsmx_Pop", bridge.Pop) &&
          Resolve(library, "tsmx_Free", bridge.Free) &&
-         Resolve(library, kInstallPathSymbol, bridge.InstallPath);
+         Resolve(library, kInstallPathSymbol, bridge.InstallPath) &&
+         Resolve(library, kUnloadSymbol, bridge.Unload);
 }
 
 // tsmx_Startup would block for ever on a host that cannot run.
@@ -511,10 +514,15 @@ class Server {
       DrainCallbacks();
       if (browser_gone_) break;
     }
+    // Stop the modules (the host's, or those loaded in this process), so
+    // that none is left running threads, then pass on what they sent
+    // before they stopped.
     if (host_) {
       bridge_.End();
-      DrainCallbacks();  // what the host sent before it stopped
+    } else {
+      bridge_.Unload();
     }
+    DrainCallbacks();
     return browser_gone_ ? kExitBrowserGone : kExitOk;
   }
 
