@@ -5,6 +5,7 @@
 #   scripts/fuzz.sh TARGET SECONDS [LIBFUZZER_ARGS...]  fuzz TARGET that long
 #   scripts/fuzz.sh --merge TARGET   fold what runs found into the committed
 #                                    corpus, keeping one input per new edge
+#                                    and every hand-written seed-* file
 #   scripts/fuzz.sh --list           the targets
 #   scripts/fuzz.sh --help
 #
@@ -21,7 +22,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build="$root/build/fuzz"
 targets=$(sed -n 's/^tessmar_add_fuzzer(\([a-z_0-9]*\).*/\1/p' "$root/fuzz/CMakeLists.txt")
 
-usage() { sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; }
+usage() { sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; }
 die() { echo "fuzz.sh: $2" >&2; exit "$1"; }
 known() { grep -qx -- "$1" <<<"$targets"; }
 
@@ -65,9 +66,17 @@ case "${1:-}" in
     "$build/fuzz/$target" -merge=1 -use_counters=0 "$fresh" "$committed" "$found" \
       >"$fresh.log" 2>&1 || { cat "$fresh.log" >&2; rm -f "$fresh.log"; die 3 "merging failed"; }
     rm -f "$fresh.log"
-    # libFuzzer names the kept inputs by their SHA-1.
+    # libFuzzer names the kept inputs by their SHA-1; hand-written seeds
+    # (seed-*) stay under their names whether or not they add coverage.
+    seeds=$(mktemp -d)
+    cp "$committed"/seed-* "$seeds"/ 2>/dev/null || true
+    for s in "$seeds"/*; do
+      [ -e "$s" ] && rm -f "$fresh/$(sha1sum <"$s" | cut -d' ' -f1)"
+    done
     rm -f "$committed"/*
     cp "$fresh"/* "$committed"/
+    cp "$seeds"/* "$committed"/ 2>/dev/null || true
+    rm -rf "$seeds"
     echo "$target: $(ls "$committed" | wc -l) inputs in fuzz/corpus/$target"
     exit 0 ;;
 esac
