@@ -3,7 +3,7 @@
 the tests catch?
 
   scripts/mutate.py generate [--per-file N]   rewrite scripts/mutations.tsv
-  scripts/mutate.py run [--only TEXT] [--build DIR] [--timeout S] [--sanitize]
+  scripts/mutate.py run [--only TEXT] [--build DIR] [--timeout S] [--plain]
   scripts/mutate.py list
 
 `generate` scans the sources for places where a typical mistake can be made
@@ -16,7 +16,10 @@ holds its text is reported as stale, not run).
 `run` applies one mutant at a time to the working tree, rebuilds the build
 directory incrementally (configured on first use, tests on, benchmarks off),
 runs the whole CTest suite, and restores the file whatever happens. A mutant
-is killed when the build or a test fails or times out. A mutant may be marked
+the plain suite misses is tried again in a second build under ASan+UBSan, as
+the test command's second stage runs it (leaks, out-of-bounds accesses and
+undefined behaviour then count); --plain skips that. A mutant is killed when
+a build or a test fails or times out. A mutant may be marked
 equivalent in the list's last column (with the reason); it is then skipped.
 The summary gives killed/survived per subsystem (src/<subsystem>/) and lists
 the survivors.
@@ -26,6 +29,7 @@ mutant could not be restored or the baseline suite fails, 2 bad arguments.
 """
 import argparse
 import hashlib
+import os
 import pathlib
 import re
 import subprocess
@@ -142,6 +146,12 @@ def describe(m):
                                    m["original"], m["mutated"])
 
 
+SANITIZER_ENV = {
+    "ASAN_OPTIONS": "abort_on_error=1:detect_leaks=1:strict_string_checks=1",
+    "UBSAN_OPTIONS": "halt_on_error=1:print_stacktrace=1",
+}
+
+
 def build_and_test(build, timeout):
     """True when the suite passes (the mutant survives)."""
     built = subprocess.run(["cmake", "--build", str(build), "-j2"],
@@ -153,24 +163,32 @@ def build_and_test(build, timeout):
             ["ctest", "--test-dir", str(build), "-j2", "--timeout",
              str(timeout), "--stop-on-failure"],
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            timeout=timeout * 4)
+            timeout=timeout * 4, env=dict(os.environ, **SANITIZER_ENV))
     except subprocess.TimeoutExpired:
         return False
     return tested.returncode == 0
 
 
-def run(only, build, timeout, sanitize):
-    build = pathlib.Path(build)
-    if sanitize:
-        build = build.with_name(build.name + "-asan")
+def configure(build, sanitize):
     if not (build / "CMakeCache.txt").exists():
         subprocess.run(["cmake", "-S", str(ROOT), "-B", str(build), "-G",
                         "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                         "-DTESSMAR_BUILD_BENCH=OFF",
-                        "-DTESSMAR_SANITIZE=" +
-                        ("address,undefined" if sanitize else "")],
+                        "-DTESSMAR_SANITIZE=" + sanitize],
                        check=True, stdout=subprocess.DEVNULL)
-    if not build_and_test(build, timeout):
+
+
+def survives(builds, timeout):
+    return all(build_and_test(build, timeout) for build in builds)
+
+
+def run(only, build, timeout, plain):
+    builds = [pathlib.Path(build)]
+    if not plain:
+        builds.append(builds[0].with_name(builds[0].name + "-asan"))
+    for b, sanitize in zip(builds, ["", "address,undefined"]):
+        configure(b, sanitize)
+    if not survives(builds, timeout):
         print("the suite fails without any mutant; fix that first",
               file=sys.stderr)
         return 1
@@ -197,7 +215,7 @@ def run(only, build, timeout, sanitize):
                                 line[col + len(m["original"]):])
         try:
             path.write_text("".join(lines))
-            survived = build_and_test(build, timeout)
+            survived = survives(builds, timeout)
         finally:
             path.write_text(original_text)
         if path.read_text() != original_text:
@@ -208,7 +226,8 @@ def run(only, build, timeout, sanitize):
               flush=True)
         if survived:
             survivors.append(describe(m))
-    build_and_test(build, timeout)  # leave the build matching the sources
+    for b in builds:  # leave the builds matching the sources
+        build_and_test(b, timeout)
     print("\n| subsystem | killed | survived | stale | equivalent |")
     print("|---|---:|---:|---:|---:|")
     total = [0, 0, 0, 0]
@@ -238,10 +257,9 @@ def main():
     r.add_argument("--build", default=str(ROOT / "build" / "mutate"))
     r.add_argument("--timeout", type=int, default=60,
                    help="seconds per test")
-    r.add_argument("--sanitize", action="store_true",
-                   help="build and test under ASan+UBSan, as the test "
-                   "command's second stage does (leaks and out-of-bounds "
-                   "accesses then count as killed)")
+    r.add_argument("--plain", action="store_true",
+                   help="do not try the plain suite's survivors again under "
+                   "ASan+UBSan")
     sub.add_parser("list", help="print the mutants")
     args = parser.parse_args()
     if args.command == "generate":
@@ -252,7 +270,7 @@ def main():
             print(describe(m) + (" [equivalent: %s]" % m["equivalent"]
                                  if m["equivalent"] else ""))
         return 0
-    return run(args.only, args.build, args.timeout, args.sanitize)
+    return run(args.only, args.build, args.timeout, args.plain)
 
 
 if __name__ == "__main__":
