@@ -2,9 +2,6 @@
 // libTessmarFirefox.so. It loads the library by path, resolves the tsmx_
 // functions by name, optionally starts the host, sends requests one at a time
 // and prints the replies and the queued callback messages.
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,11 +16,13 @@
 #include <thread>
 #include <vector>
 
-#include "bridge/fifo_names.h"
-#include "config/config_location.h"
+#include "bridge_loader.h"
 
 namespace {
 
+using tessmar::tools::Bridge;
+
+constexpr char kProgram[] = "tessmar-drive";
 constexpr int kExitOk = 0;
 constexpr int kExitLoadFailed = 1;
 constexpr int kExitUsage = 2;
@@ -82,20 +81,6 @@ struct Options {
   long wait_ms = 0;
   std::vector<std::string> requests;
 };
-
-// The library's interface, resolved by name like the extension does.
-struct Bridge {
-  int (*Startup)(void) = nullptr;
-  void (*End)(void) = nullptr;
-  char* (*Invoke)(const char*) = nullptr;
-  char* (*Pop)(void) = nullptr;
-  void (*Free)(char*) = nullptr;
-  // The exported C++ function that names the installation directory.
-  std::string (*InstallPath)() = nullptr;
-};
-
-// GetTessmarInstallPath(), a C++ function returning std::string.
-constexpr char kInstallPathSymbol[] = "_Z21GetTessmarInstallPathB5cxx11v";
 
 // Sets `help` or `version` when one of them was asked for; the rest of the
 // command line is then not looked at.
@@ -156,120 +141,6 @@ bool ParseOptions(int argc, char** argv, Options& options, bool& help,
   return true;
 }
 
-template <typename Function>
-bool Resolve(void* library, const char* name, Function& out) {
-  dlerror();
-  void* symbol = dlsym(library, name);
-  if (symbol == nullptr) {
-    const char* error = dlerror();
-    std::fprintf(stderr, "tessmar-drive: cannot resolve %s: %s\n", name,
-                 error != nullptr ? error : "null symbol");
-    return false;
-  }
-  out = reinterpret_cast<Function>(symbol);
-  return true;
-}
-
-bool LoadBridge(const std::string& path, Bridge& bridge) {
-  void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) {
-    std::fprintf(stderr, "tessmar-drive: cannot load %s: %s\n", path.c_str(),
-                 dlerror());
-    return false;
-  }
-  // The library stays loaded until exit: its reader thread and any module
-  // it loaded may still run code from it.
-  return Resolve(library, "tsmx_Startup", bridge.Startup) &&
-         Resolve(library, "tsmx_End", bridge.End) &&
-         Resolve(library, "tsmx_Invoke", bridge.Invoke) &&
-         Resolve(library, "tsmx_Pop", bridge.Pop) &&
-         Resolve(library, "tsmx_Free", bridge.Free) &&
-         Resolve(library, kInstallPathSymbol, bridge.InstallPath);
-}
-
-// tsmx_Startup blocks until a host opens the FIFOs, so a host that cannot
-// run would hang it for ever; check it before starting.
-bool HostIsRunnable(const Bridge& bridge) {
-  const std::string host =
-      bridge.InstallPath() + "/" + tessmar::bridge::kHostExecutableName;
-  struct stat info;
-  if (stat(host.c_str(), &info) != 0) {
-    std::fprintf(stderr,
-                 "tessmar-drive: no host executable at %s (%s); check "
-                 "\"Tessmar\" in config.json\n",
-                 host.c_str(), std::strerror(errno));
-    return false;
-  }
-  if (!S_ISREG(info.st_mode) || access(host.c_str(), X_OK) != 0) {
-    std::fprintf(stderr, "tessmar-drive: %s is not an executable file\n",
-                 host.c_str());
-    return false;
-  }
-  return true;
-}
-
-std::string FifoPath(const char* name) {
-  const char* home = std::getenv("HOME");
-  return std::string(home != nullptr ? home : "") +
-         tessmar::kUserConfigSubdirectory + "/" + name;
-}
-
-// Runs in the forked child of tsmx_Startup when the host could not be
-// executed: the library lets that child return into its caller. The parent
-// is blocked opening the FIFOs; opening and closing their other ends in the
-// host's order releases it, and it then finds the pipes already closed.
-[[noreturn]] void ReleaseParentAndExit(int failure_pipe) {
-  const char failed = 1;
-  if (write(failure_pipe, &failed, 1) != 1) {
-    // The parent then takes the host for started; its requests get <null>.
-  }
-  const struct {
-    const char* name;
-    int flags;
-  } ends[] = {{tessmar::bridge::kRequestFifoName, O_RDONLY},
-              {tessmar::bridge::kReplyFifoName, O_WRONLY},
-              {tessmar::bridge::kCallbackFifoName, O_WRONLY}};
-  for (const auto& end : ends) {
-    const int fd = open(FifoPath(end.name).c_str(), end.flags);
-    if (fd >= 0) close(fd);
-  }
-  _exit(127);
-}
-
-// Starts the host. Returns false (after cleaning up) when it did not start.
-bool StartHost(const Bridge& bridge) {
-  // A close-on-exec pipe tells whether the child's exec succeeded: the exec
-  // closes the child's write end unseen; a failed child writes one byte.
-  int failure[2];
-  if (pipe2(failure, O_CLOEXEC) != 0) {
-    std::fprintf(stderr, "tessmar-drive: pipe: %s\n", std::strerror(errno));
-    return false;
-  }
-  const pid_t self = getpid();
-  const int started = bridge.Startup();
-  if (getpid() != self) ReleaseParentAndExit(failure[1]);
-  close(failure[1]);
-
-  char byte = 0;
-  ssize_t got;
-  do {
-    got = read(failure[0], &byte, 1);
-  } while (got < 0 && errno == EINTR);
-  close(failure[0]);
-  if (started != 0) {
-    std::fprintf(stderr,
-                 "tessmar-drive: tsmx_Startup failed (the FIFOs could not be "
-                 "created or the process could not fork)\n");
-    return false;
-  }
-  if (got == 1) {
-    std::fprintf(stderr, "tessmar-drive: the host could not be executed\n");
-    bridge.End();  // removes the FIFOs and reaps the failed child
-    return false;
-  }
-  return true;
-}
-
 void DrainCallbacks(const Bridge& bridge) {
   for (;;) {
     char* message = bridge.Pop();
@@ -316,10 +187,12 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
 
   Bridge bridge;
-  if (!LoadBridge(options.library, bridge)) return kExitLoadFailed;
+  if (!tessmar::tools::LoadBridge(kProgram, options.library, bridge)) {
+    return kExitLoadFailed;
+  }
   if (options.host) {
-    if (!HostIsRunnable(bridge)) return kExitNoHost;
-    if (!StartHost(bridge)) return kExitStartupFailed;
+    if (!tessmar::tools::HostIsRunnable(kProgram, bridge)) return kExitNoHost;
+    if (!tessmar::tools::StartHost(kProgram, bridge)) return kExitStartupFailed;
   }
 
   if (!options.requests.empty()) {

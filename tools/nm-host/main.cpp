@@ -5,7 +5,6 @@
 // an extension that loads the library itself would, serves one request at a
 // time with tsmx_Invoke and forwards every queued callback from tsmx_Pop.
 // Installed as "TessmarChrome" in the installation directory.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,15 +23,18 @@
 #include <string>
 #include <thread>
 
-#include "bridge/fifo_names.h"
 #include "config/config_location.h"
 #include "config/json_document.h"
+#include "bridge_loader.h"
 #include "messages.h"
 
 namespace {
 
 using tessmar::nm::kMaxIncoming;
 using tessmar::nm::kMaxOutgoing;
+using tessmar::tools::Bridge;
+
+constexpr char kProgram[] = "tessmar-nm-host";
 
 constexpr int kExitOk = 0;
 constexpr int kExitLoadFailed = 1;
@@ -275,126 +277,6 @@ int InstallManifest(const Options& options) {
   return kExitOk;
 }
 
-// --- The library -----------------------------------------------------------------
-
-struct Bridge {
-  int (*Startup)(void) = nullptr;
-  void (*End)(void) = nullptr;
-  char* (*Invoke)(const char*) = nullptr;
-  char* (*Pop)(void) = nullptr;
-  void (*Free)(char*) = nullptr;
-  std::string (*InstallPath)() = nullptr;  // GetTessmarInstallPath()
-  void (*Unload)() = nullptr;               // UnloadQxClient()
-};
-
-constexpr char kInstallPathSymbol[] = "_Z21GetTessmarInstallPathB5cxx11v";
-constexpr char kUnloadSymbol[] = "_Z14UnloadQxClientv";
-
-template <typename Function>
-bool Resolve(void* library, const char* name, Function& out) {
-  dlerror();
-  void* symbol = dlsym(library, name);
-  if (symbol == nullptr) {
-    const char* error = dlerror();
-    std::fprintf(stderr, "tessmar-nm-host: cannot resolve %s: %s\n", name,
-                 error != nullptr ? error : "null symbol");
-    return false;
-  }
-  out = reinterpret_cast<Function>(symbol);
-  return true;
-}
-
-bool LoadBridge(const std::string& path, Bridge& bridge) {
-  // Never unloaded: module threads may run the library's code until exit.
-  void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) {
-    std::fprintf(stderr, "tessmar-nm-host: cannot load %s: %s\n", path.c_str(),
-                 dlerror());
-    return false;
-  }
-  return Resolve(library, "tsmx_Startup", bridge.Startup) &&
-         Resolve(library, "tsmx_End", bridge.End) &&
-         Resolve(library, "tsmx_Invoke", bridge.Invoke) &&
-         Resolve(library, "tsmx_Pop", bridge.Pop) &&
-         Resolve(library, "tsmx_Free", bridge.Free) &&
-         Resolve(library, kInstallPathSymbol, bridge.InstallPath) &&
-         Resolve(library, kUnloadSymbol, bridge.Unload);
-}
-
-// tsmx_Startup would block for ever on a host that cannot run.
-bool HostIsRunnable(const Bridge& bridge) {
-  const std::string host =
-      bridge.InstallPath() + "/" + tessmar::bridge::kHostExecutableName;
-  struct stat info;
-  if (stat(host.c_str(), &info) != 0) {
-    std::fprintf(stderr,
-                 "tessmar-nm-host: no host executable at %s (%s); check "
-                 "\"Tessmar\" in config.json\n",
-                 host.c_str(), std::strerror(errno));
-    return false;
-  }
-  if (!S_ISREG(info.st_mode) || access(host.c_str(), X_OK) != 0) {
-    std::fprintf(stderr, "tessmar-nm-host: %s is not an executable file\n",
-                 host.c_str());
-    return false;
-  }
-  return true;
-}
-
-// In the child of tsmx_Startup whose exec failed (the library returns into
-// its caller there): tells the parent, and opens and closes the other ends of
-// the FIFOs in the host's order so that the parent's blocking opens return.
-[[noreturn]] void ReleaseParentAndExit(int failure_pipe) {
-  const char failed = 1;
-  if (write(failure_pipe, &failed, 1) != 1) {
-    // The parent then takes the host for started; its requests get null.
-  }
-  const char* home = std::getenv("HOME");
-  const std::string dir = std::string(home != nullptr ? home : "") +
-                          tessmar::kUserConfigSubdirectory + "/";
-  const struct {
-    const char* name;
-    int flags;
-  } ends[] = {{tessmar::bridge::kRequestFifoName, O_RDONLY},
-              {tessmar::bridge::kReplyFifoName, O_WRONLY},
-              {tessmar::bridge::kCallbackFifoName, O_WRONLY}};
-  for (const auto& end : ends) {
-    const int fd = open((dir + end.name).c_str(), end.flags);
-    if (fd >= 0) close(fd);
-  }
-  _exit(127);
-}
-
-bool StartHost(const Bridge& bridge) {
-  int failure[2];
-  if (pipe2(failure, O_CLOEXEC) != 0) {
-    std::fprintf(stderr, "tessmar-nm-host: pipe: %s\n", std::strerror(errno));
-    return false;
-  }
-  const pid_t self = getpid();
-  const int started = bridge.Startup();
-  if (getpid() != self) ReleaseParentAndExit(failure[1]);
-  close(failure[1]);
-  char byte = 0;
-  ssize_t got;
-  do {
-    got = read(failure[0], &byte, 1);
-  } while (got < 0 && errno == EINTR);
-  close(failure[0]);
-  if (started != 0) {
-    std::fprintf(stderr,
-                 "tessmar-nm-host: tsmx_Startup failed (the FIFOs could not "
-                 "be created or the process could not fork)\n");
-    return false;
-  }
-  if (got == 1) {
-    std::fprintf(stderr, "tessmar-nm-host: the host could not be executed\n");
-    bridge.End();  // removes the FIFOs and reaps the failed child
-    return false;
-  }
-  return true;
-}
-
 // --- The browser's side ------------------------------------------------------------
 
 // Reads exactly `size` bytes; false at end of input or on an error.
@@ -622,14 +504,15 @@ int main(int argc, char** argv) {
 
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is an error to handle
   Bridge bridge;
-  if (!LoadBridge(options.library.empty() ? DefaultLibrary() : options.library,
-                  bridge)) {
+  if (!tessmar::tools::LoadBridge(
+          kProgram, options.library.empty() ? DefaultLibrary() : options.library,
+          bridge)) {
     return kExitLoadFailed;
   }
   // The host is started before any thread: tsmx_Startup forks.
   if (options.host) {
-    if (!HostIsRunnable(bridge)) return kExitNoHost;
-    if (!StartHost(bridge)) return kExitStartupFailed;
+    if (!tessmar::tools::HostIsRunnable(kProgram, bridge)) return kExitNoHost;
+    if (!tessmar::tools::StartHost(kProgram, bridge)) return kExitStartupFailed;
   }
 
   // Never destroyed: the detached reader may use it until the very exit.
