@@ -3,7 +3,7 @@
 // process. GoogleTest assertions work inside the scenario; a failure makes
 // the child exit non-zero. The child leaves with _exit(), so no exit handlers
 // (and no leak check over the registry kept on purpose) run. A scenario that
-// does not finish within the timeout is killed and reported.
+// does not finish within the timeout is ended by SIGALRM and reported.
 #ifndef TESSMAR_TESTS_SUPPORT_ISOLATED_PROCESS_H
 #define TESSMAR_TESTS_SUPPORT_ISOLATED_PROCESS_H
 
@@ -13,9 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
-#include <thread>
 
 namespace tessmar::testing {
 
@@ -26,25 +24,19 @@ template <typename Scenario>
   const pid_t pid = fork();
   if (pid < 0) return ::testing::AssertionFailure() << "fork: errno " << errno;
   if (pid == 0) {
+    alarm(static_cast<unsigned>(timeout_seconds));
     scenario();
     std::fflush(nullptr);
     _exit(::testing::Test::HasFailure() ? 1 : 0);
   }
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
   int status = 0;
-  pid_t done;
-  while ((done = waitpid(pid, &status, WNOHANG)) == 0 ||
-         (done < 0 && errno == EINTR)) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return ::testing::AssertionFailure()
-             << "scenario killed after " << timeout_seconds << " s";
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return ::testing::AssertionFailure() << "waitpid";
   }
-  if (done != pid) return ::testing::AssertionFailure() << "waitpid failed";
+  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
+    return ::testing::AssertionFailure()
+           << "scenario killed after " << timeout_seconds << " s";
+  }
   if (WIFSIGNALED(status)) {
     return ::testing::AssertionFailure() << "signal " << WTERMSIG(status);
   }

@@ -36,10 +36,8 @@ struct ModuleSandbox {
 // Fields joined with tabs, as the fixtures write them.
 inline std::string LogLine(const Lines& fields) {
   std::string line;
-  for (std::size_t i = 0; i < fields.size(); ++i) {
-    line += (i == 0 ? "" : "\t") + fields[i];
-  }
-  return line;
+  for (const std::string& field : fields) line += field + "\t";
+  return line.substr(0, line.size() - 1);
 }
 
 // The recording fixture's SetHostFuncs line for host table `host`.

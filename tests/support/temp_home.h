@@ -5,24 +5,24 @@
 #define TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <system_error>
 
 namespace tessmar::testing {
 
 // Writes `data` to `path` byte for byte, creating or truncating the file.
 inline void WriteFile(const std::string& path, const std::string& data) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(data.data(), static_cast<std::streamsize>(data.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
 
 inline std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in),
-                     std::istreambuf_iterator<char>());
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // mkdir -p with mode 0755.
@@ -39,26 +39,16 @@ class TempHome {
  public:
   TempHome() {
     const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") +
-                          "/tessmar-test-XXXXXX";
+    std::string pattern =
+        std::string(tmp ? tmp : "/tmp") + "/tessmar-test-XXXXXX";
     root_ = mkdtemp(&pattern[0]) != nullptr ? pattern : std::string();
-    const char* old = std::getenv("HOME");
-    had_home_ = old != nullptr;
-    if (had_home_) old_home_ = old;
+    if (const char* old = std::getenv("HOME")) old_home_ = old;
     setenv("HOME", root_.c_str(), 1);
   }
   ~TempHome() {
-    if (had_home_) {
-      setenv("HOME", old_home_.c_str(), 1);
-    } else {
-      unsetenv("HOME");
-    }
-    if (!root_.empty()) {
-      std::string command = "rm -rf '" + root_ + "'";
-      if (std::system(command.c_str()) != 0) {
-        // Nothing sensible to do in a destructor; the directory is in TMPDIR.
-      }
-    }
+    old_home_ ? setenv("HOME", old_home_->c_str(), 1) : unsetenv("HOME");
+    std::error_code ignored;
+    if (!root_.empty()) std::filesystem::remove_all(root_, ignored);
   }
   TempHome(const TempHome&) = delete;
   TempHome& operator=(const TempHome&) = delete;
@@ -75,7 +65,7 @@ class TempHome {
   // Writes a file into the user configuration directory; returns its path.
   std::string WriteConfig(const std::string& name,
                           const std::string& text) const {
-    std::string path = ConfigDir() + "/" + name;
+    const std::string path = ConfigDir() + "/" + name;
     WriteFile(path, text);
     return path;
   }
@@ -91,8 +81,7 @@ class TempHome {
 
  private:
   std::string root_;
-  std::string old_home_;
-  bool had_home_ = false;
+  std::optional<std::string> old_home_;
 };
 
 }  // namespace tessmar::testing
