@@ -3,15 +3,16 @@
 #ifndef TESSMAR_FUZZ_FUZZ_INPUT_H
 #define TESSMAR_FUZZ_FUZZ_INPUT_H
 
-#include <ftw.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <system_error>
+#include <utility>
 
 namespace tessmar::fuzz {
 
@@ -34,7 +35,6 @@ class Input {
     return bytes;
   }
   std::string Rest() { return Bytes(size_); }
-  std::size_t left() const { return size_; }
 
  private:
   const uint8_t* data_;
@@ -53,36 +53,21 @@ inline void MakeDirectory(const std::string& path) {
   if (mkdir(path.c_str(), 0755) != 0) std::abort();
 }
 
-inline std::string& FuzzHome() {
-  static std::string home;
-  return home;
-}
-
-inline void RemoveFuzzHome() {
-  nftw(
-      FuzzHome().c_str(),
-      [](const char* path, const struct stat*, int, struct FTW*) {
-        return std::remove(path);
-      },
-      16, FTW_DEPTH | FTW_PHYS);
-}
-
 // A fresh directory under TMPDIR used as HOME for the whole run (removed at
 // a normal exit), with the user configuration directory made; returns that
 // directory.
 inline std::string MakeFuzzHome() {
+  static std::string home;
   const char* tmp = std::getenv("TMPDIR");
-  std::string home = std::string(tmp != nullptr ? tmp : "/tmp") +
-                     "/tessmar-fuzz-XXXXXX";
+  home = std::string(tmp != nullptr ? tmp : "/tmp") + "/tessmar-fuzz-XXXXXX";
   if (mkdtemp(&home[0]) == nullptr) std::abort();
-  FuzzHome() = home;
-  std::atexit(RemoveFuzzHome);
+  std::atexit([] {
+    std::error_code ignored;
+    std::filesystem::remove_all(home, ignored);
+  });
   setenv("HOME", home.c_str(), 1);
-  std::string dir = home;
-  for (const char* level : {"/.config", "/Pelmora", "/Tessmar", "/morrowhost"}) {
-    dir += level;
-    MakeDirectory(dir);
-  }
+  const std::string dir = home + "/.config/Pelmora/Tessmar/morrowhost";
+  std::filesystem::create_directories(dir);
   return dir;
 }
 

@@ -16,16 +16,10 @@
 
 namespace {
 
-std::string Config(const std::string& install, const std::string& sig) {
-  return R"({"Tessmar":")" + install +
-         R"(","Version":"1.2.3.4","TessmarClient":"/nonexistent/client","Sig":")" +
-         sig + R"("})";
-}
-
-std::string ModuleFile(const std::string& name, const std::string& path,
-                       const std::string& sig, const std::string& version) {
-  return R"({"Name":")" + name + R"(","Path":")" + path + R"(","Sig":")" + sig +
-         R"(","Version":")" + version + R"("})";
+std::string Module(const std::string& name, const std::string& path,
+                   const std::string& sig, const std::string& version) {
+  return R"({"Name":")" + name + R"(","Path":")" + path + R"(",)" + sig +
+         R"("Version":")" + version + R"("})";
 }
 
 }  // namespace
@@ -36,23 +30,27 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   const std::string install = std::string(std::getenv("HOME")) + "/install";
   tessmar::fuzz::MakeDirectory(install);
 
-  // The installation signature over the (absent) installed files.
-  WriteFile(dir + "/config.json", Config(install, ""));
+  // The installation signature over the (absent) installed files; makeSig
+  // reads its header from the existing config.json.
+  const std::string config = R"({"Tessmar":")" + install +
+                             R"(","Version":"1.2.3.4","TessmarClient":)"
+                             R"("/nonexistent/client","Sig":")";
+  WriteFile(dir + "/config.json", config + "\"}");
   std::string sig_path;
-  const std::string sig = MakeBase64Encode(
-      makeSig("morrowhost", "pelmora", std::string(), sig_path));
-  WriteFile(dir + "/config.json", Config(install, sig));
+  WriteFile(dir + "/config.json",
+            config + MakeBase64Encode(makeSig("morrowhost", "pelmora", "",
+                                              sig_path)) + "\"}");
 
   const std::string fake = install + "/libfake.so";
   WriteFile(fake, "not a shared library\n");
+  const std::string sig =
+      MakeBase64Encode(makeClientSig("morrowhost", "pelmora", fake));
   WriteFile(dir + "/signed.json",
-            ModuleFile("signed", fake,
-                       MakeBase64Encode(makeClientSig("morrowhost", "pelmora", fake)),
-                       "2.0.0.1"));
-  WriteFile(dir + "/morrowhost.json",
-            ModuleFile("morrowhost", "/nonexistent/m.so", "AAAA", "3.1.0.7"));
+            Module("signed", fake, R"("Sig":")" + sig + "\",", "2.0.0.1"));
+  WriteFile(dir + "/morrowhost.json", Module("morrowhost", "/nonexistent/m.so",
+                                             R"("Sig":"AAAA",)", "3.1.0.7"));
   WriteFile(dir + "/echo.json",
-            R"({"Name":"echo","Path":"/nonexistent/e.so","Version":"1.0.0.1"})");
+            Module("echo", "/nonexistent/e.so", "", "1.0.0.1"));
   WriteFile(dir + "/broken.json", R"({"Name":"broken",)");
 
   // Without these the signed module would be refused before dlopen.
@@ -70,11 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   tsmx_Free(tsmx_Invoke(text.c_str()));
   process_request(nullptr, text.data(), static_cast<int>(text.size()), nullptr);
   // No module loads, so nothing queues callbacks; drain in case a path does.
-  for (;;) {
-    char* queued = tsmx_Pop();
-    const bool empty = queued == nullptr || *queued == '\0';
-    tsmx_Free(queued);
-    if (empty) break;
-  }
+  char* queued;
+  while ((queued = tsmx_Pop()) != nullptr && *queued != '\0') tsmx_Free(queued);
+  tsmx_Free(queued);
   return 0;
 }
