@@ -16,13 +16,11 @@ int main(int argc, char** argv) {
     return 1;
   }
   for (unsigned char byte : digest) std::printf("%02x", byte);
-  std::printf("\n%s\n",
-              MakeBase64Encode(MakeDigestSHA256("abc")).c_str());
   // A client signature of this program, checked against itself.
   const std::string sig =
       MakeBase64Encode(makeClientSig("morrowhost", "pelmora", argv[0]));
-  std::printf("%s\n", CheckQXClientModuleSignature(argv[0], sig.c_str())
-                          ? "signature ok"
-                          : "signature bad");
+  const bool ok = CheckQXClientModuleSignature(argv[0], sig.c_str());
+  std::printf("\n%s\n%s\n", MakeBase64Encode(MakeDigestSHA256("abc")).c_str(),
+              ok ? "signature ok" : "signature bad");
   return argc == 1 ? 0 : 1;
 }
