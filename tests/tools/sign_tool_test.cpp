@@ -1,5 +1,6 @@
-// tessmar-sign as a child process in a temporary HOME: round trips, exit
-// statuses, and rewrites that are atomic and keep foreign members.
+// tessmar-sign as a child process in a temporary HOME: each command's round
+// trip through the library's checks, exit statuses 0/1/2, and rewrites that
+// keep foreign members and leave broken files alone.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <json.h>
@@ -42,32 +43,8 @@ Json ParseFile(const std::string& path) {
   return Json(json_parse(text.data(), text.size()), &json_value_free);
 }
 std::string Str(const json_value& value) {
-  return value.type == json_string
-             ? std::string(value.u.string.ptr, value.u.string.length)
-             : "<not a string>";
-}
-
-// Deep structural equality, member order and names included.
-bool SameJson(const json_value& a, const json_value& b) {
-  if (a.type != b.type) return false;
-  const bool obj = a.type == json_object;
-  if (obj || a.type == json_array) {
-    const unsigned n = obj ? a.u.object.length : a.u.array.length;
-    if (n != (obj ? b.u.object.length : b.u.array.length)) return false;
-    for (unsigned i = 0; i < n; ++i) {
-      if (!obj && !SameJson(*a.u.array.values[i], *b.u.array.values[i])) return false;
-      if (!obj) continue;
-      const json_object_entry &x = a.u.object.values[i], &y = b.u.object.values[i];
-      if (std::string(x.name, x.name_length) != std::string(y.name, y.name_length) ||
-          !SameJson(*x.value, *y.value))
-        return false;
-    }
-    return true;
-  }
-  return a.type == json_integer ? a.u.integer == b.u.integer
-       : a.type == json_double  ? a.u.dbl == b.u.dbl
-       : a.type == json_boolean ? a.u.boolean == b.u.boolean
-                                : a.type != json_string || Str(a) == Str(b);
+  return value.type == json_string ? std::string(value.u.string.ptr, value.u.string.length)
+                                   : "<not a string>";
 }
 
 std::vector<std::string> DirectoryEntries(const std::string& path) {
@@ -105,8 +82,7 @@ class SignToolTest : public ::testing::Test {
                           Quote(TESSMAR_SIGN_TOOL);
     for (const std::string& arg : args) command += " " + Quote(arg);
     const int status = std::system((command + " >" + Quote(out) + " 2>" + Quote(err)).c_str());
-    Result result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out),
-                  ReadFile(err)};
+    Result result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(err)};
     EXPECT_NE(result.status, 128 + SIGKILL)
         << "tessmar-sign did not finish: " << testing::PrintToString(args);
     return result;
@@ -115,8 +91,7 @@ class SignToolTest : public ::testing::Test {
   // The three covered framework files (the browser manifest stays absent).
   std::string MakeInstallation(const std::string& relative) {
     home_.WriteHomeFile(relative + "/libnpTessmarPlugin.so", "plugin bytes");
-    home_.WriteHomeFile(relative + "/libTessmarFirefox.so",
-                        std::string("bridge\0bytes", 12));
+    home_.WriteHomeFile(relative + "/libTessmarFirefox.so", std::string("bridge\0bytes", 12));
     home_.WriteHomeFile(relative + "/TessmarChrome", "host executable");
     return home_.path() + "/" + relative;
   }
@@ -126,36 +101,21 @@ class SignToolTest : public ::testing::Test {
 };
 
 TEST_F(SignToolTest, UsageErrorsHelpAndVersion) {
-  EXPECT_EQ(RunTool({}).status, 2);
-  EXPECT_EQ(RunTool({"--system"}).status, 2);
-  for (const Args& args : {Args{"--help"}, Args{"-h"}, Args{"module", "--help"},
-                           Args{"--system", "install", "--help"}}) {
+  for (const Args& args : {Args{"--help"}, Args{"module", "--help"}}) {
     const Result help = RunTool(args);
     EXPECT_EQ(help.status, 0) << args[0];
     EXPECT_NE(help.out.find("verify-install"), std::string::npos) << args[0];
-    EXPECT_EQ(help.err, "") << args[0];
   }
-  // Before a command --version is the tool's; "module" takes it as the
-  // module's (see SignedModuleIsLoadableUntilTampered).
-  for (const Args& args : {Args{"--version"}, Args{"--system", "--version", "install"}}) {
-    const Result version = RunTool(args);
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, "tessmar-sign " TESSMAR_TEST_VERSION "\n");
-    EXPECT_EQ(version.err, "");
-  }
+  // Before a command --version is the tool's; after "module" it is the module's.
+  EXPECT_EQ(RunTool({"--version"}).out, "tessmar-sign " TESSMAR_TEST_VERSION "\n");
+  EXPECT_EQ(RunTool({}).status, 2);
   const std::pair<Args, const char*> usage_errors[] = {
       {{"module", "demo"}, "NAME FILE"},
-      {{"install", "extra"}, "install"},
       {{"sign-everything"}, "sign-everything"},
       {{"--sign-everything", "install"}, "unknown option '--sign-everything'"},
-      {{"server", "--dir", "x", "file"}, "--dir"},
       {{"install", "--dir"}, "--dir"},
-      {{"install", "--version", "1"}, "--version"},
-      {{"--system", "client", "file"}, "--system applies only to"},
       {{"server", "file", "--system"}, "--system applies only to"},
-      {{"--system", "install", "--dir", "x"}, "--system and --dir"},
-      {{"module", "demo", "file", "--config-dir", "x", "--system"},
-       "--system and --config-dir"}};
+      {{"--system", "install", "--dir", "x"}, "--system and --dir"}};
   for (const auto& [args, words] : usage_errors) {
     SCOPED_TRACE(testing::PrintToString(args));
     const Result result = RunTool(args);
@@ -165,86 +125,49 @@ TEST_F(SignToolTest, UsageErrorsHelpAndVersion) {
   }
 }
 
-// The longest existing ancestor of `path` (or `path` itself) is writable.
-bool CouldCreate(std::string path) {
-  while (access(path.c_str(), F_OK) != 0 && path.size() > 1) {
-    path.erase(path.rfind('/') == 0 ? 1 : path.rfind('/'));
-  }
-  return access(path.c_str(), W_OK) == 0;
-}
-
-// --system shows the tool what the library sees without HOME: the system
-// directory alone, however complete the user's own installation is.
+// --system shows what the library sees without HOME: the system directory
+// alone, however complete the user's own files are.
 TEST_F(SignToolTest, SystemOptionIgnoresTheUserDirectory) {
   const std::string system_dir = tessmar::kSystemConfigDirectory;
-  const std::string install = MakeInstallation("opt/tessmar");
-  home_.WriteConfig("config.json", "{\"Tessmar\": \"" + install + "\"}");
-  ASSERT_EQ(RunTool({"install"}).status, 0);
   const std::string file = home_.WriteHomeFile("mod/libdemo.so", "code");
-  // A name no system directory holds.
-  const std::string name = "sign-tool-test-" + std::to_string(getpid());
+  const std::string name = "sign-tool-test-" + std::to_string(getpid());  // in no system dir
   ASSERT_EQ(RunTool({"module", name, file}).status, 0);
   ASSERT_EQ(RunTool({"verify-module", name}).status, 0);
-
-  for (const Args& args : {Args{"--system", "verify-module", name},
-                           Args{"verify-module", "--system", name}}) {
-    SCOPED_TRACE(testing::PrintToString(args));
-    const Result result = RunTool(args);
-    EXPECT_EQ(result.status, 2);
-    ExpectOneLineReason(result, "no " + name + ".json in " + system_dir + "\n");
-  }
-  const std::string module_file = home_.ConfigDir() + "/" + name + ".json";
-  const std::string signed_config = ReadFile(home_.ConfigDir() + "/config.json");
+  const Result result = RunTool({"verify-module", "--system", name});
+  EXPECT_EQ(result.status, 2);
+  ExpectOneLineReason(result, "no " + name + ".json in " + system_dir + "\n");
   if (access((system_dir + "/config.json").c_str(), F_OK) != 0) {
-    for (const char* command : {"install", "verify-install"}) {
-      const Result result = RunTool({"--system", command});
-      EXPECT_EQ(result.status, 2) << command;
-      ExpectOneLineReason(result, "no config.json in " + system_dir);
-    }
+    home_.WriteConfig("config.json", "{\"Tessmar\": \"" + MakeInstallation("opt/t") + "\"}");
+    ASSERT_EQ(RunTool({"install"}).status, 0);
+    const Result install = RunTool({"--system", "verify-install"});
+    EXPECT_EQ(install.status, 2);
+    ExpectOneLineReason(install, "no config.json in " + system_dir);
   }
-  // Writing into the real system directory is for an installer, not a test:
-  // only where it cannot be created is "module --system" run.
-  if (!CouldCreate(system_dir)) {
-    const std::string before = ReadFile(module_file);
-    const Result result = RunTool({"--system", "module", name, file});
-    EXPECT_EQ(result.status, 2);
-    ExpectOneLineReason(result, system_dir.substr(0, system_dir.find('/', 1)));
-    EXPECT_EQ(ReadFile(module_file), before);
-  }
-  EXPECT_EQ(ReadFile(home_.ConfigDir() + "/config.json"), signed_config);
 }
 
 TEST_F(SignToolTest, ClientSignatureTextPassesTheLibraryCheck) {
   const std::string file = home_.WriteHomeFile("mod/libdemo.so", "module code");
   const Result signed_text = RunTool({"client", file});
   ASSERT_EQ(signed_text.status, 0) << signed_text.err;
-  ASSERT_EQ(signed_text.out.back(), '\n');
-  const std::string text = signed_text.out.substr(0, signed_text.out.size() - 1);
-  EXPECT_EQ(text.size(), 44u);
+  ASSERT_EQ(signed_text.out.size(), 45u);
+  const std::string text = signed_text.out.substr(0, 44);
   EXPECT_TRUE(CheckQXClientModuleSignature(file.c_str(), text.c_str()));
   EXPECT_EQ(RunTool({"verify-client", file, text}).status, 0);
-
   TamperOneByte(file);
   const Result tampered = RunTool({"verify-client", file, text});
   EXPECT_EQ(tampered.status, 1);
   ExpectOneLineReason(tampered, "does not match");
-  EXPECT_EQ(RunTool({"verify-client", file, "not base64!"}).status, 1);
 }
 
 TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
   home_.WriteHomeFile("mod/libdemo.so", std::string("\x7f" "ELF\0\1 code", 11));
   // A relative FILE is stored as the absolute path the library will load.
-  const Result signing = RunTool(
-      {"module", "demo", "mod/libdemo.so", "--version", "1.0.0.2"}, home_.path());
+  const Result signing =
+      RunTool({"module", "demo", "mod/libdemo.so", "--version", "1.0.0.2"}, home_.path());
   ASSERT_EQ(signing.status, 0) << signing.err;
   const std::string file = home_.path() + "/mod/libdemo.so";
-  const std::string config = home_.ConfigDir() + "/demo.json";
-  const Json json = ParseFile(config);
-  ASSERT_NE(json, nullptr);
-  EXPECT_EQ(Str((*json)["Name"]), "demo");
-  EXPECT_EQ(Str((*json)["Path"]), file);
-  EXPECT_EQ(Str((*json)["Version"]), "1.0.0.2");
   EXPECT_EQ(GetClientInstallPathModule("demo", true), file);
+  EXPECT_EQ(GetClientVersion("demo"), "1.0.0.2");
   EXPECT_EQ(RunTool({"verify-module", "demo"}).status, 0);
 
   TamperOneByte(file);
@@ -252,73 +175,61 @@ TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
   EXPECT_EQ(tampered.status, 1);
   ExpectOneLineReason(tampered, "module 'demo': signature does not match " + file);
 
-  // Re-signing repairs it; --config-dir leaves HOME's file alone.
-  ASSERT_EQ(RunTool({"module", "demo", file}).status, 0);
-  EXPECT_EQ(RunTool({"verify-module", "demo"}).status, 0);
-  const std::string before = ReadFile(config);
+  // --config-dir leaves HOME's file alone.
+  const std::string before = ReadFile(home_.ConfigDir() + "/demo.json");
   const std::string staging = home_.path() + "/staging/conf";
   ASSERT_EQ(RunTool({"module", "other", file, "--config-dir", staging}).status, 0);
   const Json staged = ParseFile(staging + "/other.json");
   ASSERT_NE(staged, nullptr);
   EXPECT_TRUE(CheckQXClientModuleSignature(file.c_str(), Str((*staged)["Sig"]).c_str()));
-  EXPECT_EQ(ReadFile(config), before);
+  EXPECT_EQ(ReadFile(home_.ConfigDir() + "/demo.json"), before);
 }
 
 TEST_F(SignToolTest, UpdatingModuleFileKeepsOtherMembersAndMode) {
   const std::string file = home_.WriteHomeFile("mod/libdemo.so", "code");
   // Foreign members needing escapes, a second "Sig" (only the first is
-  // ours) and a non-string "Version".
-  const std::string original =
-      "{\"Comment\": \"quote \\\" backslash \\\\ tab \\t nul \\u0000 "
-      "\\u00e9\\ud83d\\ude00 \\/\",\n"
-      " \"Sig\": 17, \"Nested\": {\"list\": [1, -2, 2.5, 1e-300, true, false, "
-      "null, [], {}], \"\": \"empty name\"},\n"
-      " \"Version\": 3, \"Sig\": \"second stays\", \"Big\": 9007199254740993}";
-  const std::string config = home_.WriteConfig("demo.json", original);
+  // ours), a non-string "Version" and an integer beyond a double's precision.
+  const std::string config = home_.WriteConfig(
+      "demo.json",
+      "{\"Comment\": \"q \\\" b \\\\ t \\t nul \\u0000 \\u00e9\\ud83d\\ude00 \\/\",\n"
+      " \"Sig\": 17, \"Nested\": {\"list\": [1, -2.5, 1e-300, true, null, [], {}]},\n"
+      " \"Version\": 3, \"Sig\": \"second stays\", \"Big\": 9007199254740993}");
   ASSERT_EQ(chmod(config.c_str(), 0640), 0);
-
   const Result signing = RunTool({"module", "demo", file, "--version", "2.0.0.0"});
   ASSERT_EQ(signing.status, 0) << signing.err;
   struct stat info {};
   ASSERT_EQ(stat(config.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0640u);
-  EXPECT_EQ(DirectoryEntries(home_.ConfigDir()),
-            std::vector<std::string>{"demo.json"});  // no temporary left
+  EXPECT_EQ(DirectoryEntries(home_.ConfigDir()), Args{"demo.json"});  // no temporary left
 
-  const Json before = ParseFile(home_.WriteHomeFile("before.json", original));
   const Json after = ParseFile(config);
-  ASSERT_NE(before, nullptr);
   ASSERT_NE(after, nullptr);
-  // Same members in the same order; only the tool's own values differ.
-  ASSERT_EQ(after->u.object.length, before->u.object.length + 2);
-  for (unsigned i = 0; i < before->u.object.length; ++i) {
-    const json_object_entry& was = before->u.object.values[i];
-    const json_object_entry& is = after->u.object.values[i];
-    SCOPED_TRACE(std::string(was.name, was.name_length));
-    EXPECT_EQ(std::string(is.name, is.name_length), std::string(was.name, was.name_length));
-    if (i == 1 || i == 3) continue;  // the first "Sig" and "Version"
-    EXPECT_TRUE(SameJson(*was.value, *is.value));
+  Args names;
+  for (unsigned i = 0; i < after->u.object.length; ++i) {
+    names.emplace_back(after->u.object.values[i].name, after->u.object.values[i].name_length);
   }
+  EXPECT_EQ(names, (Args{"Comment", "Sig", "Nested", "Version", "Sig", "Big", "Name", "Path"}));
+  EXPECT_EQ(Str((*after)["Comment"]),
+            std::string("q \" b \\ t \t nul \0 \xc3\xa9\xf0\x9f\x98\x80 /", 26));
+  const json_value& list = (*after)["Nested"]["list"];
+  ASSERT_EQ(list.type, json_array);
+  EXPECT_EQ(list.u.array.length, 7u);
+  EXPECT_EQ(list[2].u.dbl, 1e-300);
+  EXPECT_EQ(Str(*after->u.object.values[4].value), "second stays");
+  EXPECT_EQ((*after)["Big"].u.integer, 9007199254740993);
   EXPECT_EQ(Str((*after)["Version"]), "2.0.0.0");
-  EXPECT_EQ(Str((*after)["Name"]), "demo");  // appended
   EXPECT_EQ(GetClientInstallPathModule("demo", true), file);
 }
 
 TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJson) {
   const std::string install = MakeInstallation("opt/tessmar");
   const std::string config = home_.WriteConfig(
-      "config.json", "{\"Tessmar\": \"" + install +
-                         "\", \"TessmarClient\": \"/opt/client\", "
-                         "\"Version\": \"1.2.3.4\", \"Extra\": {\"keep\": [1, \"two\"]}}");
-  const Result signing = RunTool({"install"});
-  ASSERT_EQ(signing.status, 0) << signing.err;
+      "config.json", "{\"Tessmar\": \"" + install + "\", \"Extra\": {\"keep\": [1, \"two\"]}}");
+  ASSERT_EQ(RunTool({"install"}).status, 0);
   EXPECT_TRUE(CheckModuleSignature());
   const Json json = ParseFile(config);
   ASSERT_NE(json, nullptr);
-  EXPECT_EQ(Str((*json)["Tessmar"]), install);
-  EXPECT_EQ(Str((*json)["TessmarClient"]), "/opt/client");
-  EXPECT_EQ(Str((*json)["Version"]), "1.2.3.4");
-  EXPECT_EQ(Str((*json)["Sig"]).size(), 44u);
+  EXPECT_EQ(Str((*json)["Extra"]["keep"][1]), "two");
   EXPECT_EQ(RunTool({"verify-install"}).status, 0);
 
   TamperOneByte(install + "/libTessmarFirefox.so");
@@ -326,21 +237,16 @@ TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJson) {
   EXPECT_EQ(tampered.status, 1);
   ExpectOneLineReason(tampered, "does not match");
   ASSERT_EQ(RunTool({"install"}).status, 0);  // replaces the old "Sig"
-  EXPECT_EQ(RunTool({"verify-install"}).status, 0);
+  EXPECT_TRUE(CheckModuleSignature());
 }
 
 TEST_F(SignToolTest, InstallationSignatureFileInDirectory) {
   const std::string dir = MakeInstallation("stage");
-  const Result signing = RunTool({"install", "--dir", dir});
-  ASSERT_EQ(signing.status, 0) << signing.err;
+  ASSERT_EQ(RunTool({"install", "--dir", dir}).status, 0);
   std::string header;
   const std::string digest = makeSig("morrowhost", "pelmora", dir, header);
-  EXPECT_EQ(header, dir + "/Tessmar.sig");
   EXPECT_EQ(ReadFile(header), MakeBase64Encode(digest));
   EXPECT_EQ(RunTool({"verify-install", "--dir", dir}).status, 0);
-
-  TamperOneByte(dir + "/TessmarChrome");
-  EXPECT_EQ(RunTool({"verify-install", "--dir", dir}).status, 1);
   ASSERT_EQ(unlink(header.c_str()), 0);
   const Result unsigned_dir = RunTool({"verify-install", "--dir", dir});
   EXPECT_EQ(unsigned_dir.status, 1);
@@ -350,16 +256,14 @@ TEST_F(SignToolTest, InstallationSignatureFileInDirectory) {
   const std::string empty = home_.path() + "/empty";
   ASSERT_EQ(mkdir(empty.c_str(), 0755), 0);
   EXPECT_EQ(RunTool({"install", "--dir", empty}).status, 2);
-  EXPECT_EQ(DirectoryEntries(empty), std::vector<std::string>{});
+  EXPECT_EQ(DirectoryEntries(empty), Args{});
 }
 
 TEST_F(SignToolTest, ServerSignatureFileRoundTrip) {
   const std::string server = home_.WriteHomeFile("bin/server", "server code");
-  const Result signing = RunTool({"server", server});
-  ASSERT_EQ(signing.status, 0) << signing.err;
-  EXPECT_EQ(ReadFile(server + ".sig"), MakeBase64Encode(makeLocalServerSig(server)));
+  ASSERT_EQ(RunTool({"server", server}).status, 0);
+  EXPECT_TRUE(CheckLocalServerSig(server));
   EXPECT_EQ(RunTool({"verify-server", server}).status, 0);
-
   TamperOneByte(server);
   const Result tampered = RunTool({"verify-server", server});
   EXPECT_EQ(tampered.status, 1);
@@ -379,10 +283,10 @@ TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
     }
   }
   EXPECT_EQ(ReadFile(empty + ".sig"), "");
-  EXPECT_EQ(access((home_.ConfigDir() + "/demo.json").c_str(), F_OK), -1);
+  EXPECT_EQ(DirectoryEntries(home_.ConfigDir()), Args{});
 
   // No config.json to store into; a module name escaping the directory.
-  for (const Args& args : {Args{"install"}, Args{"verify-install"}, Args{"verify-module", "demo"},
+  for (const Args& args : {Args{"install"}, Args{"verify-module", "demo"},
                            Args{"module", "../escape", home_.WriteHomeFile("m.so", "x")}}) {
     EXPECT_EQ(RunTool(args).status, 2) << testing::PrintToString(args);
   }
@@ -390,11 +294,9 @@ TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
   // Broken configuration files are reported and left byte for byte.
   const std::string install = MakeInstallation("opt/tessmar");
   const std::string module = home_.WriteHomeFile("mod/libdemo.so", "code");
-  const std::pair<std::string, std::string> broken[] = {
-      {"{\"Tessmar\": \"" + install + "\",", "invalid JSON"},
-      {"[\"Tessmar\", \"" + install + "\"]", "not a JSON object"},
-      {"", "invalid JSON"}};
-  for (const auto& [text, reason] : broken) {
+  for (const auto& [text, reason] : {std::pair<std::string, std::string>{
+                                         "{\"Tessmar\": \"" + install + "\",", "invalid JSON"},
+                                     {"[\"Tessmar\"]", "not a JSON object"}}) {
     for (const auto& [name, args] : {std::pair<std::string, Args>{"config.json", {"install"}},
                                      {"demo.json", {"module", "demo", module}}}) {
       SCOPED_TRACE(name + ": " + text);
