@@ -4,7 +4,6 @@
 #include <openssl/evp.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -197,50 +196,22 @@ TEST(MakeSig, ForADirectoryMatchesTheDocumentedDigest) {
   EXPECT_EQ(sig_path, "untouched");
 }
 
-TEST(InstalledSignature, PassesOnlyForTheSignedFilesNamesAndSaltWords) {
+TEST(InstalledSignature, PassesOnlyForTheSignedFilesAndSaltWords) {
   TempHome home;
   const SignedInstallation installation(home);
-  const auto covered = [&](const char* name) { return installation.install_dir() + "/" + name; };
   EXPECT_TRUE(CheckModuleSignature());
   EXPECT_FALSE(CheckSig("pelmora", "morrowhost"));
   EXPECT_FALSE(CheckSig("morrowhost", "Pelmora"));
   for (const char* name : kCovered) {
     SCOPED_TRACE(name);
-    const std::string original = ReadFile(covered(name));
-    WriteFile(covered(name), original + "x");
+    const std::string path = installation.install_dir() + "/" + name, original = ReadFile(path);
+    WriteFile(path, original + "x");
     EXPECT_FALSE(CheckModuleSignature());
-    WriteFile(covered(name), original);
+    WriteFile(path, original);
   }
-  // The same bytes under another covered name still change the digest.
-  ASSERT_EQ(std::rename(covered(kCovered[0]).c_str(), covered(kCovered[1]).c_str()), 0);
-  WriteFile(covered(kCovered[0]), "covered:libTessmarFirefox.so");
-  EXPECT_FALSE(CheckModuleSignature());
-  // A file missing when signed may stay missing, or be present but empty.
-  std::remove(covered(kCovered[2]).c_str());
-  installation.Sign();
   EXPECT_TRUE(CheckModuleSignature());
-  WriteFile(covered(kCovered[2]), "");
-  EXPECT_TRUE(CheckModuleSignature());
-  WriteFile(covered(kCovered[2]), "x");
-  EXPECT_FALSE(CheckModuleSignature());
   std::remove((home.ConfigDir() + "/config.json").c_str());
   EXPECT_FALSE(CheckModuleSignature());
-}
-
-TEST(InstalledSignature, HeaderContainingDotSigIsReadAsARawSignatureFile) {
-  // Any header path containing ".sig" is read whole, even config.json.
-  TempHome home;
-  const std::string sig_home = home.path() + "/x.sig";
-  ASSERT_EQ(setenv("HOME", sig_home.c_str(), 1), 0);  // TempHome restores it
-  const std::string config = home.WriteHomeFile(
-      "x.sig/.config/Pelmora/Tessmar/morrowhost/config.json", "placeholder");
-  std::string sig_path;
-  const std::string text = MakeBase64Encode(makeSig("morrowhost", "pelmora", "", sig_path));
-  ASSERT_EQ(sig_path, config);
-  WriteFile(config, "{\"Sig\":\"" + text + "\"}");
-  EXPECT_FALSE(CheckModuleSignature());
-  WriteFile(config, text + "\n");
-  EXPECT_TRUE(CheckModuleSignature());
 }
 
 }  // namespace
