@@ -98,26 +98,12 @@ TEST(InvokeRouting, OtherRequestsGoToTheModuleHost) {
   EXPECT_EQ(GetLoadedClientList(), "");
 }
 
-TEST(InvokeRouting, InProcessModulesReceiveTheBridgesHostTable) {
+// Modules loaded in-process get the bridge's host table; a module name is
+// looked up in the configuration directory, never followed as a path.
+TEST(InvokeRouting, InProcessModulesGetTheBridgesHostTableAndNoPathNames) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
-    s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
-    EXPECT_EQ(InvokeText("{\"cmd\":\"native\",\"id\":\"2\",\"module\":\"rec\","
-                         "\"sendCallback\":1}"),
-              Envelope("2", "", "{\"from\":\"a\",\"call\":1}", ""));
-    EXPECT_EQ(s.Log().at(1),
-              SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));
-    EXPECT_EQ(PopText(),
-              SetCallbackMessage("rec-tab", "rec-cb", "{\"from\":\"a\"}"));
-    EXPECT_EQ(PopText(), "");
-  }));
-}
-
-TEST(InvokeRouting, AModuleNameIsNeverAPath) {
-  ModuleSandbox s;
-  EXPECT_TRUE(RunIsolated([&] {
-    // A correctly signed module file that a page got saved below HOME,
-    // outside the configuration directory.
+    // A correctly signed module file that a page got saved below HOME.
     const std::string file =
         "{\"Name\":\"x\",\"Path\":\"" FIXTURE_RECORDING_A_PATH "\",\"Sig\":\"" +
         SignedInstallation::ModuleSignature(FIXTURE_RECORDING_A_PATH) +
@@ -132,10 +118,15 @@ TEST(InvokeRouting, AModuleNameIsNeverAPath) {
               "\"version: \"");
     EXPECT_TRUE(s.Log().empty()) << "the module was loaded";
 
-    // The same file inside the configuration directory is a module.
     s.home.WriteConfig("x.json", file);
-    EXPECT_EQ(InvokeText("{\"cmd\":\"native\",\"id\":\"1\",\"module\":\"x\"}"),
-              Envelope("1", "", "{\"from\":\"a\",\"call\":1}", ""));
+    EXPECT_EQ(InvokeText("{\"cmd\":\"native\",\"id\":\"2\",\"module\":\"x\","
+                         "\"sendCallback\":1}"),
+              Envelope("2", "", "{\"from\":\"a\",\"call\":1}", ""));
+    EXPECT_EQ(s.Log().at(1),
+              SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));
+    EXPECT_EQ(PopText(),
+              SetCallbackMessage("rec-tab", "rec-cb", "{\"from\":\"a\"}"));
+    EXPECT_EQ(PopText(), "");
   }));
 }
 

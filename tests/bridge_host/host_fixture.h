@@ -1,68 +1,25 @@
 // End-to-end bridge tests in real processes. tsmx_Startup can succeed only
-// once per process, so every scenario runs in a forked child with a deadline.
+// once per process, so every scenario runs under RunIsolated.
 #ifndef TESSMAR_TESTS_BRIDGE_HOST_HOST_FIXTURE_H
 #define TESSMAR_TESTS_BRIDGE_HOST_HOST_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <climits>
-#include <functional>
-#include <thread>
 #include <vector>
 
 #include "bridge/fifo_names.h"
 #include "config/config_location.h"
+#include "support/bridge_calls.h"
+#include "support/isolated_process.h"
 #include "support/temp_home.h"
-#include "tessmar/bridge.h"
 
 namespace tessmar::testing {
 
 using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
 inline constexpr int kDeadlineSeconds = 20;
-
-// Runs `body` in a child leading its own process group, ignoring SIGPIPE;
-// fails on child failure, crash or overrun, then kills the whole group.
-inline void RunScenario(const std::function<void()>& body) {
-  const auto failures = [] {
-    const ::testing::TestResult* result =
-        ::testing::UnitTest::GetInstance()->current_test_info()->result();
-    int failed = 0;
-    for (int i = 0; i < result->total_part_count(); ++i) {
-      failed += result->GetTestPartResult(i).failed();
-    }
-    return failed;
-  };
-  const int failed_before = failures();  // earlier cases of a table test
-  std::fflush(nullptr);
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0) << "fork failed, errno " << errno;
-  if (pid == 0) {
-    setpgid(0, 0);
-    signal(SIGPIPE, SIG_IGN);
-    body();
-    std::fflush(nullptr);
-    _exit(failures() != failed_before ? 1 : 0);
-  }
-  setpgid(pid, pid);  // set on both sides: the kill below never races it
-  const auto end = Clock::now() + std::chrono::seconds(kDeadlineSeconds);
-  int status = 0;
-  pid_t done;
-  while ((done = waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < end) {
-    std::this_thread::sleep_for(milliseconds(5));
-  }
-  kill(-pid, SIGKILL);
-  const bool timed_out = done != pid;
-  if (timed_out) waitpid(pid, &status, 0);
-  EXPECT_TRUE(!timed_out && WIFEXITED(status) && WEXITSTATUS(status) == 0)
-      << "the scenario's process " << (timed_out ? "timed out" : "failed")
-      << ", wait status " << status;
-}
 
 struct ProgramResult {
   int exit_code;  // 128 + N when killed by signal N (SIGKILL at the deadline)
@@ -123,28 +80,6 @@ inline std::string InstallHost(const TempHome& home, const std::string& host,
   home.WriteConfig("config.json", "{" + extra + "\"Tessmar\":\"" +
                                       home.path() + "/install\"}");
   return LinkHost(home.path() + "/install", host);
-}
-
-// Pops callback messages until `count` have arrived or the deadline passes.
-inline std::vector<std::string> PopMessages(
-    std::size_t count, milliseconds deadline = milliseconds(5000)) {
-  std::vector<std::string> messages;
-  const auto end = Clock::now() + deadline;
-  while (messages.size() < count && Clock::now() < end) {
-    char* text = tsmx_Pop();
-    if (text != nullptr && *text != '\0') messages.emplace_back(text);
-    else std::this_thread::sleep_for(milliseconds(2));
-    tsmx_Free(text);
-  }
-  return messages;
-}
-
-// tsmx_Invoke's result, released; "<null>" for NULL.
-inline std::string InvokeText(const std::string& request) {
-  char* reply = tsmx_Invoke(request.c_str());
-  const std::string text = reply != nullptr ? reply : "<null>";
-  tsmx_Free(reply);
-  return text;
 }
 
 // True when nothing, not even a dangling link, is at `path`.
