@@ -25,51 +25,44 @@ namespace {
 
 using namespace tessmar::testing;
 using namespace std::chrono_literals;
+using tessmar::bridge::SetCallbackMessage;
 
-// Texts pinned byte for byte in tests/modhost and callback_queue_test.
 std::string Envelope(const std::string& id, const std::string& tabid,
                      const std::string& reply, const std::string& callback) {
   return BuildReplyEnvelope(id.c_str(), tabid.c_str(), REPLY_TRUE,
                             reply.c_str(), callback.c_str());
 }
-using tessmar::bridge::SetCallbackMessage;
 
 TEST(LocalQueries, InitRequestsAreAnsweredFromTheConfigFiles) {
   TempHome home;
   const std::string library = home.WriteHomeFile("lib/libclient.so", "lib");
-  home.WriteConfig("config.json", "{\"Version\":\"2.5.0.1\"}");
-  for (const char* name_version : {"morrowhost\",\"Version\":\"3.1.0.7",
-                                   "other\",\"Version\":\"1.2.3.4"}) {
-    const std::string nv = name_version;
-    home.WriteConfig(
-        nv.substr(0, nv.find('"')) + ".json",
-        "{\"Path\":\"" + library + "\",\"Sig\":\"s\",\"Name\":\"" + nv + "\"}");
+  home.WriteConfig("config.json", R"({"Version":"2.5.0.1"})");
+  for (const auto& [name, version] : {std::pair{"morrowhost", "3.1.0.7"},
+                                      std::pair{"other", "1.2.3.4"}}) {
+    home.WriteConfig(std::string(name) + ".json",
+                     R"({"Path":")" + library + R"(","Sig":"s","Name":")" +
+                         name + R"(","Version":")" + version + "\"}");
   }
   const std::string clients =
-      ", \"qx\":\"2.5.0.1\",\"m\":[{\"name\":\"other\",\"version\":\"1.2.3.4\"}"
-      ",{\"name\":\"missing\",\"version\":\"\"}]}";
-  const std::string versions =
-      "{\"init\":\"get_versions\",\"m\":\"other,missing\"";
+      R"(, "qx":"2.5.0.1","m":[{"name":"other","version":"1.2.3.4"})"
+      R"(,{"name":"missing","version":""}]})";
+  const std::string versions = R"({"init":"get_versions","m":"other,missing")";
   const struct {
     std::string request;
     std::string answer;
   } cases[] = {
-      {"{\"init\":\"get_version\"}", "\"version: 3.1.0.7\""},
-      {"{\"init\":\"get_version\",\"module\":5}", "\"version: 3.1.0.7\""},
-      {"{\"init\":\"get_version\",\"module\":\"other\"}",
-       "\"version: 1.2.3.4\""},
-      {"{\"init\":\"get_version\",\"module\":\"missing\"}", "\"version: \""},
+      {R"({"init":"get_version"})", R"("version: 3.1.0.7")"},
+      {R"({"init":"get_version","module":5})", R"("version: 3.1.0.7")"},
+      {R"({"init":"get_version","module":"other"})", R"("version: 1.2.3.4")"},
+      {R"({"init":"get_version","module":"missing"})", R"("version: ")"},
       // reload only when the extension expects a newer, comparable version
-      {versions + ",\"pv\":\"2.5.0.1\"}", "{\"reload\":false" + clients},
-      {versions + ",\"pv\":\"2.5.0.2\"}", "{\"reload\":true" + clients},
-      {versions + ",\"pv\":\"2.5\"}", "{\"reload\":false" + clients},
-      {"{\"init\":\"get_versions\"}",
-       "{\"reload\":false, \"qx\":\"2.5.0.1\",\"m\":[]}"},
+      {versions + R"(,"pv":"2.5.0.1"})", R"({"reload":false)" + clients},
+      {versions + R"(,"pv":"2.5.0.2"})", R"({"reload":true)" + clients},
+      {versions + R"(,"pv":"2.5"})", R"({"reload":false)" + clients},
+      {R"({"init":"get_versions"})", R"({"reload":false, "qx":"2.5.0.1","m":[]})"},
       // other values answer "" and never reach the echo below
-      {"{\"init\":\"get_Version\",\"cmd\":\"native\",\"id\":\"1\",\"echo\":"
-       "true}",
-       ""},
-      {"{\"init\":\"x\"}", ""},
+      {R"({"init":"get_Version","cmd":"native","id":"1","echo":true})", ""},
+      {R"({"init":"x"})", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.request);
@@ -78,21 +71,15 @@ TEST(LocalQueries, InitRequestsAreAnsweredFromTheConfigFiles) {
 }
 
 TEST(InvokeRouting, OtherRequestsGoToTheModuleHost) {
-  for (const char* init : {"\"INIT\":\"get_version\"", "\"init\":5"}) {
-    SCOPED_TRACE(init);
+  for (const char* init : {R"("INIT":"get_version")", R"("init":5)"}) {
     const std::string request =
-        std::string("{") + init +
-        ",\"cmd\":\"native\",\"id\":\"1\",\"echo\":true}";
-    EXPECT_EQ(
-        InvokeText(request),
-        Envelope("1", "",
-                 "{\"reply\":{\"status\":\"0\", \"reply\":" + request + "}}",
-                 ""));
+        std::string("{") + init + R"(,"cmd":"native","id":"1","echo":true})";
+    EXPECT_EQ(InvokeText(request),
+              Envelope("1", "", R"({"reply":{"status":"0", "reply":)" + request + "}}", ""));
   }
   // No answer from the module host gives NULL.
   EXPECT_EQ(InvokeText(nullptr), std::nullopt);
-  for (const char* request :
-       {"{}", "not json", "{\"cmd\":\"native\",\"module\":\"echo\"}"}) {
+  for (const char* request : {"{}", "not json", R"({"cmd":"native","module":"echo"})"}) {
     EXPECT_EQ(InvokeText(request), std::nullopt) << request;
   }
   EXPECT_EQ(GetLoadedClientList(), "");
@@ -105,68 +92,57 @@ TEST(InvokeRouting, InProcessModulesGetTheBridgesHostTableAndNoPathNames) {
   EXPECT_TRUE(RunIsolated([&] {
     // A correctly signed module file that a page got saved below HOME.
     const std::string file =
-        "{\"Name\":\"x\",\"Path\":\"" FIXTURE_RECORDING_A_PATH "\",\"Sig\":\"" +
+        R"({"Name":"x","Path":")" FIXTURE_RECORDING_A_PATH R"(","Sig":")" +
         SignedInstallation::ModuleSignature(FIXTURE_RECORDING_A_PATH) +
-        "\",\"Version\":\"6.6.6.6\"}";
+        R"(","Version":"6.6.6.6"})";
     s.home.WriteHomeFile("Downloads/x.json", file);
-    const std::string name = "../../../../Downloads/x";
-    EXPECT_EQ(InvokeText("{\"cmd\":\"native\",\"id\":\"1\",\"module\":\"" +
-                         name + "\"}"),
+    EXPECT_EQ(InvokeText(R"({"cmd":"native","id":"1","module":"../../../../Downloads/x"})"),
               BuildReplyEnvelope("1", "", REPLY_FALSE, nullptr, ""));
-    EXPECT_EQ(InvokeText("{\"init\":\"get_version\",\"module\":\"" + name +
-                         "\"}"),
-              "\"version: \"");
+    EXPECT_EQ(InvokeText(R"({"init":"get_version","module":"../../../../Downloads/x"})"),
+              R"("version: ")");
     EXPECT_TRUE(s.Log().empty()) << "the module was loaded";
 
     s.home.WriteConfig("x.json", file);
-    EXPECT_EQ(InvokeText("{\"cmd\":\"native\",\"id\":\"2\",\"module\":\"x\","
-                         "\"sendCallback\":1}"),
-              Envelope("2", "", "{\"from\":\"a\",\"call\":1}", ""));
+    EXPECT_EQ(InvokeText(R"({"cmd":"native","id":"2","module":"x","sendCallback":1})"),
+              Envelope("2", "", R"({"from":"a","call":1})", ""));
     EXPECT_EQ(s.Log().at(1),
               SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));
-    EXPECT_EQ(PopText(),
-              SetCallbackMessage("rec-tab", "rec-cb", "{\"from\":\"a\"}"));
+    EXPECT_EQ(PopText(), SetCallbackMessage("rec-tab", "rec-cb", R"({"from":"a"})"));
     EXPECT_EQ(PopText(), "");
   }));
 }
 
 std::string EchoRegistration(const std::string& id) {
-  return "{\"cmd\":\"setcallback\",\"id\":\"" + id +
-         "\",\"tabid\":\"t\",\"callback\":\"c\",\"module\":\"echo\"}";
+  return R"({"cmd":"setcallback","id":")" + id +
+         R"(","tabid":"t","callback":"c","module":"echo"})";
 }
 
 TEST(EchoModule, AnswersAndSendsOneCallbackFromItsOwnThread) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
     s.install.AddModule("echo", FIXTURE_TESSMAR_ECHO_MODULE_PATH);
+    const std::string origin = R"("https://a\"b\\c\t\u0001")";
     const std::string request =
-        "{\"cmd\":\"native\",\"id\":\"7\",\"tabid\":\"tab-3\",\"callback\":"
-        "\"cb\",\"module\":\"echo\",\"origin\":\"https://"
-        "a\\\"b\\\\c\\t\\u0001\"}";
+        R"({"cmd":"native","id":"7","tabid":"tab-3","callback":"cb",)"
+        R"("module":"echo","origin":)" + origin + "}";
     EXPECT_EQ(InvokeText(request),
               Envelope("7", "tab-3",
-                       "{\"module\":\"echo\",\"origin\":"
-                       "\"https://a\\\"b\\\\c\\t\\u0001\",\"id\":\"7\","
-                       "\"length\":" +
+                       R"({"module":"echo","origin":)" + origin +
+                           R"(,"id":"7","length":)" +
                            std::to_string(request.size()) + "}",
                        "cb"));
     // Declined without a callback name.
-    EXPECT_EQ(
-        InvokeText("{\"cmd\":\"setcallback\",\"id\":\"8\",\"tabid\":"
-                   "\"t\",\"module\":\"echo\"}"),
-        Envelope("8", "t", "{\"module\":\"echo\",\"registered\":false}", ""));
+    EXPECT_EQ(InvokeText(R"({"cmd":"setcallback","id":"8","tabid":"t","module":"echo"})"),
+              Envelope("8", "t", R"({"module":"echo","registered":false})", ""));
     std::this_thread::sleep_for(150ms);
     EXPECT_EQ(PopText(), "");  // neither of them sends a callback
 
     EXPECT_EQ(InvokeText(EchoRegistration("8")),
-              Envelope("8", "t",
-                       "{\"module\":\"echo\",\"registered\":true,"
-                       "\"callback\":\"c\"}",
+              Envelope("8", "t", R"({"module":"echo","registered":true,"callback":"c"})",
                        "c"));
     EXPECT_EQ(PopMessages(1, 10s),
               std::vector<std::string>{SetCallbackMessage(
-                  "t", "c",
-                  "{\"module\":\"echo\",\"event\":\"ping\",\"id\":\"8\"}")});
+                  "t", "c", R"({"module":"echo","event":"ping","id":"8"})")});
 
     // Unloading stops the worker: nothing arrives after Terminate returns.
     ASSERT_NE(InvokeText(EchoRegistration("9")), std::nullopt);

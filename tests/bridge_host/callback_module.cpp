@@ -1,7 +1,16 @@
-// Invoke sends 101 callbacks from four threads, answers {"sent":101};
-// a request with "callbackBytes":N instead sends one callback whose reply is
-// a JSON string of N letters, then a small one. Terminate leaves
-// HOME/module-terminated behind.
+// A client module whose answers the request chooses:
+//   "say": TEXT         answers TEXT as it stands (JSON or not)
+//   "badUtf8": true     answers "a<FF>b<C3>(c", bytes that are not UTF-8
+//   "bytes": N          answers a JSON string of N letters
+//   "callbackBytes": N  sends a callback whose reply is a JSON string of N
+//                       letters, then a small one, and answers {}
+//   "print": true       writes a line to standard output, answers {}
+//   anything else       sends 101 callbacks from four threads (one of them
+//                       with an empty reply), answers {"sent":101}
+// Terminate leaves HOME/module-terminated behind.
+#include <json.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -15,15 +24,21 @@ namespace {
 
 QXHostFuncs* g_host = nullptr;
 
-char* Invoke(const char*, const char*, const char* request) {
-  constexpr char kBytes[] = "\"callbackBytes\":";
-  if (const char* size = std::strstr(request, kBytes)) {
-    const long n = std::strtol(size + sizeof kBytes - 1, nullptr, 10);
-    const std::string big = "\"" + std::string(n, 'x') + "\"";
-    g_host->SendCallback("t1", nullptr, "big", big.c_str());
-    g_host->SendCallback("t1", nullptr, "after", "{}");
-    return strdup("{\"sent\":2}");
+const json_value* Member(const json_value* root, const char* name) {
+  if (root == nullptr || root->type != json_object) return nullptr;
+  for (unsigned i = 0; i < root->u.object.length; ++i) {
+    if (std::strcmp(root->u.object.values[i].name, name) == 0) {
+      return root->u.object.values[i].value;
+    }
   }
+  return nullptr;
+}
+
+std::string Letters(const json_value* count) {
+  return "\"" + std::string(static_cast<std::size_t>(count->u.integer), 'x') + "\"";
+}
+
+void SendFromFourThreads() {
   g_host->SendCallback("t1", nullptr, nullptr, "{\"dropped\":1}");
   g_host->SendCallback("t1", nullptr, "cb", "");  // sent with {} as reply
   std::vector<std::thread> threads;
@@ -37,7 +52,30 @@ char* Invoke(const char*, const char*, const char* request) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  return strdup("{\"sent\":101}");
+}
+
+char* Invoke(const char*, const char*, const char* request) {
+  json_value* root = json_parse(request, std::strlen(request));
+  std::string answer = "{}";
+  if (const json_value* say = Member(root, "say"); say && say->type == json_string) {
+    answer.assign(say->u.string.ptr, say->u.string.length);
+  } else if (Member(root, "badUtf8") != nullptr) {
+    answer = "\"a\xff" "b\xc3(c\"";
+  } else if (const json_value* n = Member(root, "bytes"); n && n->type == json_integer) {
+    answer = Letters(n);
+  } else if (const json_value* c = Member(root, "callbackBytes");
+             c && c->type == json_integer) {
+    g_host->SendCallback("t1", nullptr, "big", Letters(c).c_str());
+    g_host->SendCallback("t1", nullptr, "after", "{}");
+  } else if (Member(root, "print") != nullptr) {
+    std::printf("a module writing to standard output\n");
+    std::fflush(stdout);
+  } else {
+    SendFromFourThreads();
+    answer = "{\"sent\":101}";
+  }
+  json_value_free(root);
+  return strdup(answer.c_str());
 }
 
 }  // namespace
