@@ -96,5 +96,21 @@ TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
   }, kDeadlineSeconds));
 }
 
+// A request body the host no longer reads fails to be written (-1), which
+// passes the unsigned length check: the reply is read as usual.
+TEST(BridgeFifoTest, AFailedBodyWriteStillReadsTheReply) {
+  TempHome home;
+  InstallHost(home, SelfExecutable());
+  EXPECT_TRUE(RunIsolated([&] {
+    HostScript().Reply("first").Reply("second").SleepMs(200).CloseRequests()
+        .Use(home.path());
+    ASSERT_EQ(0, tsmx_Startup());
+    // Leaves the one-page request pipe room for the next length alone.
+    EXPECT_EQ("first", InvokeText(std::string(4096 - 8, 'x')));
+    EXPECT_EQ("second", InvokeText("{}"));
+    tsmx_End();
+  }, kDeadlineSeconds));
+}
+
 }  // namespace
 }  // namespace tessmar::testing

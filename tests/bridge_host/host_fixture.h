@@ -104,6 +104,8 @@ class HostScript {
   HostScript& Raw(const std::string& bytes) { return Step('w', bytes); }
   HostScript& Callback(const std::string& body) { return Step('c', body); }
   HostScript& SleepMs(int ms) { return Step('s', std::to_string(ms)); }
+  // Stops reading requests: the library's writes then fail.
+  HostScript& CloseRequests() { return Step('x', ""); }
   // The next host started runs this script and records into `record_dir`.
   void Use(const std::string& record_dir) const {
     setenv(kScriptVariable, text_.c_str(), 1);

@@ -50,7 +50,10 @@ int RunScriptedHost(int argc, char** argv) {
   for (int i = 0; i < argc; ++i) arguments += std::string(argv[i]) + '\0';
   WriteFile(record + "/argv", arguments);
   // The library's order: request for reading, then reply and callback.
-  const int request = open(RequestFifo().c_str(), O_RDONLY);
+  int request = open(RequestFifo().c_str(), O_RDONLY);
+  // One page, so that a test can fill the request pipe; set before the
+  // library's start-up can return, which waits for the reply end below.
+  fcntl(request, F_SETPIPE_SZ, 4096);
   const int reply = open(ReplyFifo().c_str(), O_WRONLY);
   const int callback = open(CallbackFifo().c_str(), O_WRONLY);
   const int input = open((record + "/input").c_str(),
@@ -71,6 +74,9 @@ int RunScriptedHost(int argc, char** argv) {
       for (std::string part; ok && !(part = ReadUpTo(request, 4096)).empty();) {
         ok = WriteAll(input, part);
       }
+    } else if (step[0] == 'x') {
+      close(request);
+      request = -1;
     } else if (step[0] == 's') {
       std::this_thread::sleep_for(milliseconds(std::stoi(arg)));
     } else if (step[0] == 'w') {
