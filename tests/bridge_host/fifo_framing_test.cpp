@@ -13,11 +13,6 @@ namespace {
 using namespace std::string_literals;
 using Reply = std::optional<std::string>;
 
-std::string Frame(const std::string& body) {
-  const uint32_t n = static_cast<uint32_t>(body.size());
-  return std::string(reinterpret_cast<const char*>(&n), 4) + body;
-}
-
 // The host must read exactly the framed requests, then the stop message;
 // after tsmx_End tsmx_Invoke gives NULL.
 TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {

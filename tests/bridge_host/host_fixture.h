@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdint>
 #include <vector>
 
 #include "bridge/fifo_names.h"
@@ -48,6 +49,13 @@ inline ProgramResult RunProgram(const std::vector<std::string>& argv,
                        ReadFile(base + "out"), ReadFile(base + "err")};
   for (const char* name : {"in", "out", "err"}) unlink((base + name).c_str());
   return result;
+}
+
+// A message as it travels on the FIFOs and the adapter's standard streams:
+// its length in 4 bytes of native byte order, then the body.
+inline std::string Frame(const std::string& body) {
+  const uint32_t n = static_cast<uint32_t>(body.size());
+  return std::string(reinterpret_cast<const char*>(&n), 4) + body;
 }
 
 inline std::string Fifo(const char* name) {
