@@ -55,7 +55,7 @@ TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
         EXPECT_EQ(reply, InvokeText(request)) << request;
       }
       EXPECT_EQ(c.callbacks, PopMessages(c.callbacks.size(), milliseconds(5000)));
-      EXPECT_EQ(0u, PopMessages(1, milliseconds(300)).size());
+      EXPECT_EQ(0u, PopMessages(1, milliseconds(150)).size());
       tsmx_End();
       EXPECT_EQ(std::nullopt, InvokeText("{\"init\":\"get_version\"}"));
     }, kDeadlineSeconds));

@@ -28,13 +28,13 @@ struct Session {
   std::string err;
 };
 
-// Runs the adapter on `input`. With `linger` its input stays open half a second
+// Runs the adapter on `input`. With `linger` its input stays open 0.3 s
 // past the messages, as a browser's does, so late callbacks get out.
 Session RunAdapter(std::vector<std::string> args, const std::string& input,
                    bool linger = false) {
   args.insert(args.begin(), kNmHost);
   if (linger) {
-    args.insert(args.begin(), {"sh", "-c", "{ cat; sleep 0.5; } | exec \"$0\" \"$@\""});
+    args.insert(args.begin(), {"sh", "-c", "{ cat; sleep 0.3; } | exec \"$0\" \"$@\""});
   }
   const ProgramResult result = RunProgram(args, input);
   Session session{result.exit_code, {}, result.err};
