@@ -1,5 +1,8 @@
 // The FIFO framing between tsmx_Invoke, the callback reader and a host,
 // checked byte for byte against a scripted host.
+#include <pthread.h>
+#include <signal.h>
+
 #include <atomic>
 #include <cstdint>
 #include <optional>
@@ -81,8 +84,36 @@ TEST(BridgeFifoTest, AFailedBodyWriteStillReadsTheReply) {
         .Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
     // Leaves the one-page request pipe room for the next length alone.
-    EXPECT_EQ("first", InvokeText(std::string(4096 - 8, 'x')));
-    EXPECT_EQ("second", InvokeText("{}"));
+    EXPECT_EQ("first"s, InvokeText(std::string(4096 - 8, 'x')));
+    EXPECT_EQ("second"s, InvokeText("{}"));
+    tsmx_End();
+  }, kDeadlineSeconds));
+}
+
+// A reply body read that fails (-1, here interrupted by a signal) passes the
+// unsigned length check too, and the zero-filled buffer reads as "".
+TEST(BridgeFifoTest, AFailedBodyReadGivesAnEmptyText) {
+  TempHome home;
+  InstallHost(home, SelfExecutable());
+  EXPECT_TRUE(RunIsolated([&] {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};  // no SA_RESTART: a blocked read fails
+    sigaction(SIGUSR1, &action, nullptr);
+    HostScript().Read().Raw(std::string("\5\0\0\0", 4)).Drain().Use(home.path());
+    ASSERT_EQ(0, tsmx_Startup());
+    std::atomic<bool> returned{false};
+    Reply reply = "unset";
+    std::thread invoker([&] {
+      reply = InvokeText("{}");
+      returned = true;
+    });
+    // The length read retries an interruption; only the body read gives up.
+    while (!returned) {
+      pthread_kill(invoker.native_handle(), SIGUSR1);
+      std::this_thread::sleep_for(milliseconds(20));
+    }
+    invoker.join();
+    EXPECT_EQ(""s, reply);
     tsmx_End();
   }, kDeadlineSeconds));
 }
