@@ -16,6 +16,18 @@ namespace {
 using namespace std::string_literals;
 using Reply = std::optional<std::string>;
 
+// tsmx_Invoke on a thread of its own, for a request that blocks.
+struct BackgroundInvoke {
+  explicit BackgroundInvoke(const char* request)
+      : thread([this, request] {
+          reply = InvokeText(request);
+          done = true;
+        }) {}
+  std::atomic<bool> done{false};
+  Reply reply;
+  std::thread thread;
+};
+
 // The host must read exactly the framed requests, then the stop message.
 // Replies: zero length is NULL, a NUL cuts the body, a body in two pieces is
 // NULL. Callbacks: popped in the host's order, cut at a NUL, and a zero-length
@@ -57,17 +69,12 @@ TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
   EXPECT_TRUE(RunIsolated([&] {
     HostScript().Read().Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
-    std::atomic<bool> returned{false};
-    Reply reply = "unset";
-    std::thread invoker([&] {
-      reply = InvokeText("{}");
-      returned = true;
-    });
+    BackgroundInvoke invoke("{}");
     std::this_thread::sleep_for(milliseconds(300));
-    EXPECT_FALSE(returned) << "gave up on the host";
+    EXPECT_FALSE(invoke.done) << "gave up on the host";
     tsmx_End();
-    invoker.join();
-    EXPECT_EQ(std::nullopt, reply);
+    invoke.thread.join();
+    EXPECT_EQ(std::nullopt, invoke.reply);
     errno = 0;
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "the host was not reaped";
     EXPECT_TRUE(Absent(RequestFifo()));
@@ -101,19 +108,14 @@ TEST(BridgeFifoTest, AFailedBodyReadGivesAnEmptyText) {
     sigaction(SIGUSR1, &action, nullptr);
     HostScript().Read().Raw(std::string("\5\0\0\0", 4)).Drain().Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
-    std::atomic<bool> returned{false};
-    Reply reply = "unset";
-    std::thread invoker([&] {
-      reply = InvokeText("{}");
-      returned = true;
-    });
+    BackgroundInvoke invoke("{}");
     // The length read retries an interruption; only the body read gives up.
-    while (!returned) {
-      pthread_kill(invoker.native_handle(), SIGUSR1);
+    while (!invoke.done) {
+      pthread_kill(invoke.thread.native_handle(), SIGUSR1);
       std::this_thread::sleep_for(milliseconds(20));
     }
-    invoker.join();
-    EXPECT_EQ(""s, reply);
+    invoke.thread.join();
+    EXPECT_EQ(""s, invoke.reply);
     tsmx_End();
   }, kDeadlineSeconds));
 }

@@ -181,28 +181,17 @@ TEST(NmHostTest, CarriesCallbacksInProcessAndThroughTheHost) {
             RunAdapter({"--library", kLibrary, "--host"}, Request(2, "")).messages);
 }
 
-TEST(NmHostTest, FindsTheLibraryOfTheInstallationOrSaysWhyNot) {
+// Loading and host checks are shared with tessmar-drive and tested there.
+TEST(NmHostTest, FindsTheLibraryOfTheInstallation) {
   TempHome home;
   // config.json's "Tessmar" directory when none lies beside the program.
   MakeDirectories(home.path() + "/inst");
   ASSERT_EQ(0, symlink(kLibrary, (home.path() + "/inst/libTessmarFirefox.so").c_str()));
   home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/inst\"}");
-  ProgramResult result =
+  const ProgramResult result =
       RunProgram({kNmHost}, Request(1, R"({"init":"get_version"})"));
   EXPECT_EQ(0, result.exit_code) << result.err;
   EXPECT_EQ(Frame(R"({"seq":1,"reply":"\"version: \""})"), result.out);
-
-  // Without a host executable host mode is refused before tsmx_Startup.
-  result = RunProgram({kNmHost, "--library", kLibrary, "--host"});
-  EXPECT_EQ(3, result.exit_code);
-  EXPECT_NE(std::string::npos, result.err.find("/inst/TessmarFirefox"));
-  EXPECT_TRUE(Absent(RequestFifo()));
-
-  const std::string none = home.path() + "/none.so";
-  result = RunProgram({kNmHost, "--library", none});
-  EXPECT_EQ(1, result.exit_code);
-  EXPECT_NE(std::string::npos, result.err.find(none));
-  EXPECT_EQ("", result.out) << "nothing but protocol on standard output";
 }
 
 TEST(NmHostTest, InstallsManifestsForTheBrowsers) {
