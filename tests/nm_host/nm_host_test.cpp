@@ -28,13 +28,17 @@ struct Session {
   std::string err;
 };
 
-// Runs the adapter on `input`. With `linger` its input stays open 0.3 s
-// past the messages, as a browser's does, so late callbacks get out.
+// Runs the adapter on `input`. With `linger` its input stays open, as a
+// browser's does, until a callback has come out on RunProgram's output file
+// (at most 5 s).
 Session RunAdapter(std::vector<std::string> args, const std::string& input,
                    bool linger = false) {
   args.insert(args.begin(), kNmHost);
   if (linger) {
-    args.insert(args.begin(), {"sh", "-c", "{ cat; sleep 0.3; } | exec \"$0\" \"$@\""});
+    args.insert(args.begin(),
+                {"sh", "-c",
+                 "{ cat; for i in $(seq 100); do grep -qa '{\"callback\":' "
+                 "\"$HOME/.run-out\" && break; sleep 0.05; done; } | exec \"$0\" \"$@\""});
   }
   const ProgramResult result = RunProgram(args, input);
   Session session{result.exit_code, {}, result.err};
