@@ -87,10 +87,11 @@ TEST(BridgeFifoTest, AFailedBodyWriteStillReadsTheReply) {
   TempHome home;
   InstallHost(home, SelfExecutable());
   EXPECT_TRUE(RunIsolated([&] {
-    HostScript().Reply("first").Reply("second").SleepMs(200).CloseRequests()
+    // The first request leaves the one-page request pipe room for the next
+    // length alone: the host stops reading once the pipe is full.
+    HostScript().Reply("first").Reply("second").AwaitUnread(4096).CloseRequests()
         .Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
-    // Leaves the one-page request pipe room for the next length alone.
     EXPECT_EQ("first"s, InvokeText(std::string(4096 - 8, 'x')));
     EXPECT_EQ("second"s, InvokeText("{}"));
     tsmx_End();

@@ -112,6 +112,8 @@ class HostScript {
   HostScript& Raw(const std::string& bytes) { return Step('w', bytes); }
   HostScript& Callback(const std::string& body) { return Step('c', body); }
   HostScript& SleepMs(int ms) { return Step('s', std::to_string(ms)); }
+  // Waits (at most 5 s) until `bytes` request bytes lie unread.
+  HostScript& AwaitUnread(int bytes) { return Step('f', std::to_string(bytes)); }
   // Stops reading requests: the library's writes then fail.
   HostScript& CloseRequests() { return Step('x', ""); }
   // The next host started runs this script and records into `record_dir`.

@@ -1,6 +1,7 @@
 // The scripted host's side of HostScript, and main.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 
 #include <cstdint>
 #include <cstring>
@@ -73,6 +74,13 @@ int RunScriptedHost(int argc, char** argv) {
     } else if (step[0] == 'd') {
       for (std::string part; ok && !(part = ReadUpTo(request, 4096)).empty();) {
         ok = WriteAll(input, part);
+      }
+    } else if (step[0] == 'f') {
+      int unread = 0;
+      for (int i = 0; i < 1000 && ioctl(request, FIONREAD, &unread) == 0 &&
+                      unread < std::stoi(arg);
+           ++i) {
+        std::this_thread::sleep_for(milliseconds(5));
       }
     } else if (step[0] == 'x') {
       close(request);
