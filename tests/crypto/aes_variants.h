@@ -1,19 +1,34 @@
-// Runs a test suite once per AES variant (aes_variant.h), with that variant
-// in use for the exported calls and the block-cipher context; a variant the
-// CPU lacks is skipped, never silently replaced. A suite derives from
-// AesVariantTest and is instantiated with
-//   INSTANTIATE_TEST_SUITE_P(Variants, Suite, ValuesIn(kAesVariantNames),
-//                            AesVariantName);
+// Runs a suite once per AES variant (aes_variant.h), with that variant in use
+// for the exported calls and the block-cipher context; a variant the CPU
+// lacks is skipped, never silently replaced. Also the byte helpers the AES
+// and block-cipher tests share.
 #ifndef TESSMAR_TESTS_CRYPTO_AES_VARIANTS_H
 #define TESSMAR_TESTS_CRYPTO_AES_VARIANTS_H
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
+#include <vector>
 
 #include "crypto/aes_variant.h"
 
 namespace tessmar::crypto::testing_support {
+
+using Bytes = std::vector<unsigned char>;
+
+inline Bytes FromHex(const std::string& hex) {
+  Bytes out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2)
+    out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+  return out;
+}
+
+inline Bytes RandomBytes(std::mt19937& rng, size_t n) {
+  Bytes b(n);
+  for (auto& x : b) x = static_cast<unsigned char>(rng());
+  return b;
+}
 
 inline const char* const kAesVariantNames[] = {"portable", "aesni", "vaes"};
 
@@ -21,9 +36,7 @@ class AesVariantTest : public ::testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
     variant_ = AesVariantNamed(GetParam());
-    if (variant_ == nullptr) {
-      GTEST_SKIP() << "this CPU has no " << GetParam() << " variant";
-    }
+    if (variant_ == nullptr) GTEST_SKIP() << "this CPU has no " << GetParam() << " variant";
     UseAesVariantForTesting(variant_);
   }
   void TearDown() override { UseAesVariantForTesting(nullptr); }
@@ -35,10 +48,11 @@ class AesVariantTest : public ::testing::TestWithParam<const char*> {
   const AesVariant* variant_ = nullptr;
 };
 
-inline std::string AesVariantName(
-    const ::testing::TestParamInfo<const char*>& info) {
-  return info.param;
-}
+#define TESSMAR_AES_VARIANT_SUITE(Suite)                                           \
+  INSTANTIATE_TEST_SUITE_P(                                                         \
+      Variants, Suite,                                                              \
+      ::testing::ValuesIn(::tessmar::crypto::testing_support::kAesVariantNames),    \
+      [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); })
 
 }  // namespace tessmar::crypto::testing_support
 
