@@ -1,4 +1,4 @@
-// Base64 codec: published vectors, round trips, OpenSSL as an oracle for the
+// Base64 codec: RFC 4648 vectors, round trips, OpenSSL as an oracle for the
 // single-line form, and the codec's own rules for line breaks, failures and
 // characters outside the alphabet.
 #include "tessmar/base64.h"
@@ -55,12 +55,6 @@ std::string Decode(const std::string& text) {
   return bytes;
 }
 
-Bytes RandomBytes(std::mt19937& rng, size_t n) {
-  Bytes data(n);
-  for (auto& b : data) b = static_cast<unsigned char>(rng());
-  return data;
-}
-
 TEST(Base64, Rfc4648Vectors) {
   const char* const vectors[][2] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
                                     {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
@@ -80,14 +74,14 @@ TEST(Base64, RoundTripsAndMatchesOpenSsl) {
   std::mt19937 rng(20240611);
   for (size_t n = 1; n <= 300; ++n) {
     SCOPED_TRACE(n);
-    const Bytes data = RandomBytes(rng, n);
+    Bytes data(n);
+    for (auto& b : data) b = static_cast<unsigned char>(rng());
     const std::string plain(data.begin(), data.end());
     std::string expected(4 * ((n + 2) / 3) + 1, '\0');
     expected.resize(static_cast<size_t>(EVP_EncodeBlock(
         reinterpret_cast<unsigned char*>(&expected[0]), data.data(), static_cast<int>(n))));
     for (int flag : {0, 2, -1}) EXPECT_EQ(Encode(data, flag), expected);
     EXPECT_EQ(Decode(expected), plain);
-
     // Lines of exactly 64 characters, the last one 1..64, no LF at the end.
     std::string lines, crlf;
     for (size_t at = 0; at < expected.size(); at += 64) {
@@ -98,10 +92,6 @@ TEST(Base64, RoundTripsAndMatchesOpenSsl) {
     EXPECT_EQ(Decode(lines), plain);
     EXPECT_EQ(Decode(crlf), plain);
   }
-  const std::string a64(64, 'A');
-  EXPECT_EQ(Encode(Bytes(48), 1), a64);
-  EXPECT_EQ(Encode(Bytes(49), 1), a64 + "\nAA==");
-  EXPECT_EQ(Encode(Bytes(96), 1), a64 + "\n" + a64);
 }
 
 TEST(Base64, EncoderFailures) {
@@ -169,7 +159,7 @@ TEST(Base64, DecoderOutcomes) {
 TEST(Base64, GarbageNeverOverrunsTheResult) {
   std::mt19937 rng(99);
   const std::string alphabet = "AZaz09+/====\r\n\n -";
-  for (int round = 0; round < 20000; ++round) {
+  for (int round = 0; round < 5000; ++round) {
     std::string text(rng() % 41, ' ');
     for (auto& c : text) c = alphabet[rng() % alphabet.size()];
     SCOPED_TRACE(text);
