@@ -3,8 +3,8 @@
 // Where the sequence is a real encryption, decrypting it gives the plaintext
 // back: padded ECB/CBC in one update, stream modes in whole blocks but the
 // last.
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -29,37 +29,30 @@ struct Setup {
 
 // Runs init (after a first init with other material when `reinit`), the
 // updates of the given sizes over `text`, and final, each with exactly the
-// documented output room; returns the output, or nothing on an error.
-bool Run(const Setup& s, const std::string& text,
-         const std::vector<uint32_t>& sizes, std::string* out,
-         bool reinit = false) {
+// documented output room; false on an error.
+bool Run(const Setup& s, const std::string& text, const std::vector<uint32_t>& sizes,
+         std::string* out, bool reinit = false) {
   BLOCK_CIPHER_CTX* ctx = new_BLOCK_CIPHER_CTX();
   if (ctx == nullptr) std::abort();
   if (reinit) {
     static const unsigned char other[32] = {1, 2, 3};
     init_BlockCipher(ctx, BC_ALG_AES256, BC_MODE_CBC, 0, other, other, 1);
   }
-  bool ok = init_BlockCipher(ctx, s.algorithm, s.mode, s.no_padding, s.key,
-                             s.iv, s.direction) == 0;
+  bool ok = init_BlockCipher(ctx, s.algorithm, s.mode, s.no_padding, s.key, s.iv, s.direction) == 0;
   std::size_t done = 0;
-  for (std::size_t i = 0; ok && i < sizes.size(); ++i) {
-    const uint32_t n = static_cast<uint32_t>(
-        std::min<std::size_t>(sizes[i], text.size() - done));
+  for (std::size_t i = 0; ok && i <= sizes.size(); ++i) {
+    const bool last = i == sizes.size();
+    const uint32_t n = last ? 0 : static_cast<uint32_t>(std::min<std::size_t>(sizes[i], text.size() - done));
     // A vector of its own, so that AddressSanitizer sees a byte past it.
-    std::vector<unsigned char> room(n + 16);
+    std::vector<unsigned char> room(last ? 32 : n + 16);
     uint32_t produced = 0;
-    ok = update_BlockCipher(ctx,
-                            reinterpret_cast<const unsigned char*>(text.data()) + done,
-                            n, room.data(), &produced) == 0;
+    const auto* in = reinterpret_cast<const unsigned char*>(text.data()) + done;
+    ok = (last ? final_BlockCipher(ctx, room.data(), &produced)
+               : update_BlockCipher(ctx, in, n, room.data(), &produced)) == 0;
     if (produced > room.size()) std::abort();
     if (ok) out->append(reinterpret_cast<char*>(room.data()), produced);
     done += n;
   }
-  std::vector<unsigned char> last(32);
-  uint32_t produced = 0;
-  if (ok) ok = final_BlockCipher(ctx, last.data(), &produced) == 0;
-  if (produced > last.size()) std::abort();
-  if (ok) out->append(reinterpret_cast<char*>(last.data()), produced);
   free_BLOCK_CIPHER_CTX(ctx);
   return ok;
 }
