@@ -38,6 +38,7 @@ class AesVariantTest : public ::testing::TestWithParam<const char*> {
     variant_ = AesVariantNamed(GetParam());
     if (variant_ == nullptr) GTEST_SKIP() << "this CPU has no " << GetParam() << " variant";
     UseAesVariantForTesting(variant_);
+    ASSERT_EQ(&ActiveAes(), variant_);
   }
   void TearDown() override { UseAesVariantForTesting(nullptr); }
 
