@@ -154,20 +154,4 @@ TEST(Base64, DecoderOutcomes) {
   EXPECT_EQ(decode_Base64("Zm9v", 4, nullptr), 0);
 }
 
-// Random texts rich in pads, breaks and foreign characters: a decoded result
-// holds at most 3 bytes per 4 characters, and ASan checks the work buffer.
-TEST(Base64, GarbageNeverOverrunsTheResult) {
-  std::mt19937 rng(99);
-  const std::string alphabet = "AZaz09+/====\r\n\n -";
-  for (int round = 0; round < 5000; ++round) {
-    std::string text(rng() % 41, ' ');
-    for (auto& c : text) c = alphabet[rng() % alphabet.size()];
-    SCOPED_TRACE(text);
-    const std::string d = Decode(text);
-    if (d != "<null>" && d != "<untouched>") {
-      EXPECT_LE(d.size(), text.size() / 4 * 3);
-    }
-  }
-}
-
 }  // namespace
