@@ -5,7 +5,6 @@
 #include "tessmar/block_cipher.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <memory>
@@ -88,33 +87,6 @@ Result Transform(const Spec& s, const Bytes& in, const Chunks& chunks) {
   }
   r.status = Final(ctx.get(), &r.data);
   return r;
-}
-
-// The textbook mode, from OpenSSL.
-Bytes Oracle(uint32_t algorithm, uint8_t mode, const Bytes& key, const Bytes& iv, bool encrypt,
-             bool padded, const Bytes& in) {
-  using Getter = const EVP_CIPHER* (*)();
-  static const Getter kCiphers[][3] = {  // by mode / 0x10 - 1
-      {EVP_aes_128_ecb, EVP_aes_192_ecb, EVP_aes_256_ecb},
-      {EVP_aes_128_cbc, EVP_aes_192_cbc, EVP_aes_256_cbc},
-      {EVP_aes_128_ofb, EVP_aes_192_ofb, EVP_aes_256_ofb},
-      {EVP_aes_128_cfb128, EVP_aes_192_cfb128, EVP_aes_256_cfb128},
-      {EVP_aes_128_ctr, EVP_aes_192_ctr, EVP_aes_256_ctr}};
-  EVP_CIPHER_CTX* c = EVP_CIPHER_CTX_new();
-  EVP_CipherInit_ex(c, kCiphers[mode / 0x10 - 1][algorithm - BC_ALG_AES128](), nullptr,
-                    key.data(), iv.empty() ? nullptr : iv.data(), encrypt ? 1 : 0);
-  EVP_CIPHER_CTX_set_padding(c, padded ? 1 : 0);
-  Bytes out(in.size() + 32);
-  int n = 0, m = 0;
-  if (!in.empty()) EVP_CipherUpdate(c, out.data(), &n, in.data(), static_cast<int>(in.size()));
-  EVP_CipherFinal_ex(c, out.data() + n, &m);
-  EVP_CIPHER_CTX_free(c);
-  out.resize(static_cast<size_t>(n + m));
-  return out;
-}
-Bytes Ecb(const Bytes& key, bool encrypt, const Bytes& in) {
-  return Oracle(key.size() == 32 ? BC_ALG_AES256 : BC_ALG_AES128, BC_MODE_ECB, key, {}, encrypt,
-                false, in);
 }
 
 // F.1.1/F.1.5 ECB, F.2.1/F.2.5 CBC, F.3.13/F.3.17 CFB128, F.4.1/F.4.5 OFB,
