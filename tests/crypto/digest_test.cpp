@@ -155,13 +155,7 @@ TYPED_TEST(DigestTest, PublishedVectors) {
   for (const auto& [msg, hex] : A::Published()) {
     SCOPED_TRACE("message \"" + msg.substr(0, 80) + "\"");
     EXPECT_EQ(HashPieces<A>(msg, {msg.size()}), hex);
-    if (msg.size() > 1000) {
-      // An odd piece size puts block boundaries at every phase of a piece.
-      std::vector<size_t> pieces(msg.size() / 997 + 1, 997);
-      pieces.back() = msg.size() % 997;
-      EXPECT_EQ(HashPieces<A>(msg, pieces), hex);
-      continue;
-    }
+    if (msg.size() > 1000) continue;  // chunked long messages: the OpenSSL test
     EXPECT_EQ(HashPieces<A>(msg, std::vector<size_t>(msg.size(), 1)), hex);
     for (size_t cut = 0; cut <= msg.size(); ++cut)
       EXPECT_EQ(HashPieces<A>(msg, {cut, msg.size() - cut}), hex) << "split at " << cut;
