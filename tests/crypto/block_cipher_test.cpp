@@ -11,6 +11,7 @@
 #include <random>
 
 #include "crypto/aes_variants.h"
+#include "crypto/block_cipher_modes.h"
 
 namespace {
 
@@ -412,6 +413,32 @@ TEST(BlockCipherStatus, StatusCodes) {
   EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Transform(Aes128(BC_MODE_CBC, 0, 1), partial, {20}).status);
   EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Transform(Aes128(BC_MODE_CBC, 0, 0), partial, {20}).status);
   EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Transform(Aes128(BC_MODE_CBC, 0, 0), {}, {}).status);
+}
+
+// Each mode routine, callable through the context, refuses missing data, an
+// unkeyed context and a missing register with its own status, reporting 0 bytes.
+TEST(BlockCipherStatus, ModeRoutinesRefuseWhatTheyCannotRun) {
+  using namespace tessmar::crypto;
+  const struct { bc_mode_routine run; int null_data, no_key; } routines[] = {
+      {crypt_ECB, BC_ERR_ECB_NULL_DATA, BC_ERR_ECB_NO_KEY},
+      {crypt_CBC, BC_ERR_CBC_NULL_DATA, BC_ERR_CBC_NO_KEY},
+      {crypt_OFB, BC_ERR_OFB_NULL_DATA, BC_ERR_OFB_NO_KEY},
+      {crypt_CFB, BC_ERR_CFB_NULL_DATA, BC_ERR_CFB_NO_KEY},
+      {crypt_CTR, BC_ERR_CTR_NULL_DATA, BC_ERR_CTR_NO_KEY}};
+  CtxPtr keyed = Keyed(Aes128(BC_MODE_CBC, 1)), no_reg = Keyed(Aes128(BC_MODE_CBC, 1, 1, {}));
+  CtxPtr fresh(new_BLOCK_CIPHER_CTX());
+  Bytes in(16), out(16);
+  for (const auto& r : routines) {
+    SCOPED_TRACE(r.null_data);
+    uint32_t n = 7;
+    EXPECT_EQ(r.null_data, r.run(keyed.get(), nullptr, 16, out.data(), &n));
+    EXPECT_EQ(0u, n);
+    EXPECT_EQ(r.null_data, r.run(keyed.get(), in.data(), 16, nullptr, &n));
+    EXPECT_EQ(r.null_data, r.run(keyed.get(), in.data(), 16, out.data(), nullptr));
+    EXPECT_EQ(r.no_key, r.run(fresh.get(), in.data(), 16, out.data(), &n));
+    const int no_register = r.run == crypt_ECB ? BC_OK : r.run == crypt_CBC ? BC_ERR_CBC_NO_REGISTER : r.no_key;
+    EXPECT_EQ(no_register, r.run(no_reg.get(), in.data(), 16, out.data(), &n));
+  }
 }
 
 }  // namespace
