@@ -36,10 +36,12 @@ TEST(VariantSelection, FollowsTheCpuFlags) {
   // The kernel lists avx only when it saves the YMM registers.
   const bool vaes = aesni && has("avx") && has("avx2") && has("vaes");
   const bool shani = has("sha_ni") && sse;
+  const bool avx2 = has("avx") && has("avx2") && has("bmi1") && has("bmi2");
 
   EXPECT_EQ(AesVariantNamed("aesni") != nullptr, aesni);
   EXPECT_EQ(AesVariantNamed("vaes") != nullptr, vaes);
   EXPECT_EQ(DigestVariantNamed("shani") != nullptr, shani);
+  EXPECT_EQ(Sha512VariantNamed("avx2") != nullptr, avx2);
   for (const char* name : {"portable", "aesni", "vaes"}) {
     const AesVariant* v = AesVariantNamed(name);
     EXPECT_STREQ(v ? v->name : name, name);
@@ -52,6 +54,7 @@ TEST(VariantSelection, FollowsTheCpuFlags) {
   EXPECT_EQ(DigestVariantNamed(nullptr), nullptr);
   EXPECT_STREQ(ActiveAes().name, vaes ? "vaes" : aesni ? "aesni" : "portable");
   EXPECT_STREQ(ActiveDigests().name, shani ? "shani" : "portable");
+  EXPECT_STREQ(ActiveSha512().name, avx2 ? "avx2" : "portable");
 }
 
 }  // namespace
