@@ -1,13 +1,8 @@
-// A client module whose answers the request chooses:
-//   "say": TEXT         answers TEXT as it stands (JSON or not)
-//   "badUtf8": true     answers "a<FF>b<C3>(c", bytes that are not UTF-8
-//   "bytes": N          answers a JSON string of N letters
-//   "callbackBytes": N  sends a callback whose reply is a JSON string of N
-//                       letters, then a small one, and answers {}
-//   "print": true       writes a line to standard output, answers {}
-//   anything else       sends 101 callbacks from four threads (one of them
-//                       with an empty reply), answers {"sent":101}
-// Terminate leaves HOME/module-terminated behind.
+// A client module whose answers the request chooses: "say": TEXT answers TEXT
+// as it stands; "badUtf8" answers bytes that are not UTF-8; "bytes": N answers
+// a JSON string of N letters; "callbackBytes": N sends a callback of N letters,
+// then a small one; "print" writes to standard output; anything else sends 101
+// callbacks from four threads. Terminate leaves HOME/module-terminated behind.
 #include <json.h>
 
 #include <cstdio>
@@ -25,17 +20,15 @@ namespace {
 QXHostFuncs* g_host = nullptr;
 
 const json_value* Member(const json_value* root, const char* name) {
-  if (root == nullptr || root->type != json_object) return nullptr;
-  for (unsigned i = 0; i < root->u.object.length; ++i) {
-    if (std::strcmp(root->u.object.values[i].name, name) == 0) {
-      return root->u.object.values[i].value;
-    }
+  for (unsigned i = 0; root && root->type == json_object && i < root->u.object.length; ++i) {
+    const json_object_entry& entry = root->u.object.values[i];
+    if (std::strcmp(entry.name, name) == 0) return entry.value;
   }
   return nullptr;
 }
 
-std::string Letters(const json_value* count) {
-  return "\"" + std::string(static_cast<std::size_t>(count->u.integer), 'x') + "\"";
+std::string Letters(const json_value* n) {
+  return "\"" + std::string(static_cast<std::size_t>(n->u.integer), 'x') + "\"";
 }
 
 void SendFromFourThreads() {

@@ -34,7 +34,7 @@ struct BackgroundInvoke {
 // one stops the reader (but not the replies). After tsmx_End: NULL.
 TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
   TempHome home;
-  InstallHost(home, SelfExecutable());
+  InstallScriptedHost(home);
   const std::vector<std::pair<std::string, Reply>> exchanges = {
       {"hello", "pong"}, {R"({"init":"get_version"})", "\"v\""},
       {"{}", std::nullopt}, {R"({"q":2})", "ab"}, {R"({"q":3})", std::nullopt}};
@@ -65,7 +65,7 @@ TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
 // dead host is still reaped and its FIFOs removed.
 TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
   TempHome home;
-  InstallHost(home, SelfExecutable());
+  InstallScriptedHost(home);
   EXPECT_TRUE(RunIsolated([&] {
     HostScript().Read().Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
@@ -85,7 +85,7 @@ TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
 // passes the unsigned length check: the reply is read as usual.
 TEST(BridgeFifoTest, AFailedBodyWriteStillReadsTheReply) {
   TempHome home;
-  InstallHost(home, SelfExecutable());
+  InstallScriptedHost(home);
   EXPECT_TRUE(RunIsolated([&] {
     // The first request leaves the one-page request pipe room for the next
     // length alone: the host stops reading once the pipe is full.
@@ -102,7 +102,7 @@ TEST(BridgeFifoTest, AFailedBodyWriteStillReadsTheReply) {
 // unsigned length check too, and the zero-filled buffer reads as "".
 TEST(BridgeFifoTest, AFailedBodyReadGivesAnEmptyText) {
   TempHome home;
-  InstallHost(home, SelfExecutable());
+  InstallScriptedHost(home);
   EXPECT_TRUE(RunIsolated([&] {
     struct sigaction action {};
     action.sa_handler = [](int) {};  // no SA_RESTART: a blocked read fails

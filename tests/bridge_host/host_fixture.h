@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdint>
 #include <vector>
 
@@ -30,8 +29,7 @@ struct ProgramResult {
 
 // Runs `argv` with `input` as stdin under timeout(1), which kills its group.
 inline ProgramResult RunProgram(const std::vector<std::string>& argv,
-                                const std::string& input = "",
-                                bool without_home = false) {
+                                const std::string& input = "") {
   const auto quote = [](const std::string& text) {
     std::string quoted = "'";
     for (char c : text) quoted += c == '\'' ? "'\\''" : std::string(1, c);
@@ -39,8 +37,7 @@ inline ProgramResult RunProgram(const std::vector<std::string>& argv,
   };
   const std::string base = std::string(std::getenv("HOME")) + "/.run-";
   WriteFile(base + "in", input);
-  std::string command = "timeout -s KILL " + std::to_string(kDeadlineSeconds) +
-                        (without_home ? " env -u HOME" : "");
+  std::string command = "timeout -s KILL " + std::to_string(kDeadlineSeconds);
   for (const std::string& arg : argv) command += " " + quote(arg);
   command += " <" + quote(base + "in") + " >" + quote(base + "out") + " 2>" +
              quote(base + "err");
@@ -66,12 +63,6 @@ inline std::string ReplyFifo() { return Fifo(bridge::kReplyFifoName); }
 inline std::string RequestFifo() { return Fifo(bridge::kRequestFifoName); }
 inline std::string CallbackFifo() { return Fifo(bridge::kCallbackFifoName); }
 
-inline std::string SelfExecutable() {
-  char path[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  return std::string(path, n > 0 ? static_cast<std::size_t>(n) : 0);
-}
-
 // Links INSTALL_DIR/TessmarFirefox to `host`; returns the link's path.
 inline std::string LinkHost(const std::string& install_dir,
                             const std::string& host) {
@@ -81,13 +72,12 @@ inline std::string LinkHost(const std::string& install_dir,
   return path;
 }
 
-// An unsigned installation in HOME/install named by config.json (with the
-// members `extra`); returns the host's path.
-inline std::string InstallHost(const TempHome& home, const std::string& host,
-                               const std::string& extra = "") {
-  home.WriteConfig("config.json", "{" + extra + "\"Tessmar\":\"" +
-                                      home.path() + "/install\"}");
-  return LinkHost(home.path() + "/install", host);
+// An unsigned installation in HOME/install named by config.json, its host
+// the scripted one (/proc/self/exe names whichever test forks the host);
+// returns the host's path.
+inline std::string InstallScriptedHost(const TempHome& home) {
+  home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/install\"}");
+  return LinkHost(home.path() + "/install", "/proc/self/exe");
 }
 
 // True when nothing, not even a dangling link, is at `path`.
@@ -106,11 +96,10 @@ class HostScript {
  public:
   HostScript& Read() { return Step('r', ""); }   // one whole request message
   HostScript& Drain() { return Step('d', ""); }  // requests until closed
-  // A reply message, its length and body in two writes.
-  HostScript& Reply(const std::string& body) { return Step('m', body); }
+  HostScript& Reply(const std::string& body) { return Raw(Frame(body)); }
   // Bytes on the reply FIFO in one write.
   HostScript& Raw(const std::string& bytes) { return Step('w', bytes); }
-  HostScript& Callback(const std::string& body) { return Step('c', body); }
+  HostScript& Callback(const std::string& body) { return Step('c', Frame(body)); }
   HostScript& SleepMs(int ms) { return Step('s', std::to_string(ms)); }
   // Waits (at most 5 s) until `bytes` request bytes lie unread.
   HostScript& AwaitUnread(int bytes) { return Step('f', std::to_string(bytes)); }

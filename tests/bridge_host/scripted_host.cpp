@@ -40,11 +40,6 @@ std::string ReadUpTo(int fd, std::size_t size) {
   return bytes;
 }
 
-bool WriteMessage(int fd, const std::string& body) {
-  const uint32_t length = static_cast<uint32_t>(body.size());
-  return write(fd, &length, 4) == 4 && (body.empty() || WriteAll(fd, body));
-}
-
 int RunScriptedHost(int argc, char** argv) {
   const std::string record = std::getenv(kRecordVariable);
   std::string arguments;
@@ -88,12 +83,11 @@ int RunScriptedHost(int argc, char** argv) {
     } else if (step[0] == 's') {
       std::this_thread::sleep_for(milliseconds(std::stoi(arg)));
     } else if (step[0] == 'w') {
-      // Raw bytes follow a reply the library has already given up on; it may
-      // have closed the reply pipe meanwhile, and the script goes on to read
-      // the stop message either way.
+      // Not checked: after a reply the library gave up on, it may have
+      // closed the pipe, and the script still reads the stop message.
       WriteAll(reply, arg);
     } else {
-      ok = WriteMessage(step[0] == 'm' ? reply : callback, arg);
+      ok = WriteAll(callback, arg);
     }
     if (!ok) std::fprintf(stderr, "scripted host: step %s failed\n", step.c_str());
   }

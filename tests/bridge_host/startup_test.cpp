@@ -60,7 +60,7 @@ TEST(BridgeStartupTest, CreatesEveryMissingDirectoryLevelAndTheFifos) {
 
 TEST(BridgeStartupTest, ReplacesLeftoversStartsTheHostAndReapsIt) {
   TempHome home;
-  const std::string host = InstallHost(home, SelfExecutable());
+  const std::string host = InstallScriptedHost(home);
   WriteFile(ReplyFifo(), "stale reply");
   ASSERT_EQ(0, symlink((home.path() + "/nowhere").c_str(),
                        RequestFifo().c_str()));
