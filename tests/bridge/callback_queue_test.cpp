@@ -29,9 +29,7 @@ TEST_F(CallbackQueue, SetCallbackMessagesAreBuiltByteForByte) {
   const int marker = 0;
   const std::string head = "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"";
   const struct {
-    const char* tabid;
-    const char* callback;
-    const char* reply;
+    const char *tabid, *callback, *reply;
     std::string message;
   } cases[] = {
       {"tab1", "onData", "{\"v\":[1,2]}",

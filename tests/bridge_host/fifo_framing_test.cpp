@@ -4,9 +4,7 @@
 #include <signal.h>
 
 #include <atomic>
-#include <cstdint>
 #include <optional>
-#include <utility>
 
 #include "bridge_host/host_fixture.h"
 
@@ -16,16 +14,11 @@ namespace {
 using namespace std::string_literals;
 using Reply = std::optional<std::string>;
 
-// tsmx_Invoke on a thread of its own, for a request that blocks.
+// tsmx_Invoke("{}") on a thread of its own, for a request that blocks.
 struct BackgroundInvoke {
-  explicit BackgroundInvoke(const char* request)
-      : thread([this, request] {
-          reply = InvokeText(request);
-          done = true;
-        }) {}
   std::atomic<bool> done{false};
   Reply reply;
-  std::thread thread;
+  std::thread thread{[this] { reply = InvokeText("{}"); done = true; }};
 };
 
 // The host must read exactly the framed requests, then the stop message.
@@ -69,7 +62,7 @@ TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
   EXPECT_TRUE(RunIsolated([&] {
     HostScript().Read().Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
-    BackgroundInvoke invoke("{}");
+    BackgroundInvoke invoke;
     std::this_thread::sleep_for(milliseconds(300));
     EXPECT_FALSE(invoke.done) << "gave up on the host";
     tsmx_End();
@@ -109,7 +102,7 @@ TEST(BridgeFifoTest, AFailedBodyReadGivesAnEmptyText) {
     sigaction(SIGUSR1, &action, nullptr);
     HostScript().Read().Raw(std::string("\5\0\0\0", 4)).Drain().Use(home.path());
     ASSERT_EQ(0, tsmx_Startup());
-    BackgroundInvoke invoke("{}");
+    BackgroundInvoke invoke;
     // The length read retries an interruption; only the body read gives up.
     while (!invoke.done) {
       pthread_kill(invoke.thread.native_handle(), SIGUSR1);
