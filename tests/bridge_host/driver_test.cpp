@@ -28,11 +28,7 @@ TEST(DriverTest, AnswersInProcessFromArgumentsOrStandardInput) {
 TEST(DriverTest, ReportsBadArgumentsAndUnloadableLibraries) {
   TempHome home;
   const std::string none = home.path() + "/none.so";
-  const struct {
-    std::vector<std::string> argv;
-    int exit_code;
-    std::string error;
-  } cases[] = {
+  const struct { std::vector<std::string> argv; int exit_code; std::string error; } cases[] = {
       {{kDriver, "--wait-ms", "soon"}, 2, "soon"},
       {{kDriver, "--hots", kEcho}, 2, "unknown option --hots"},
       // An empty request would be the host's stop message.

@@ -38,7 +38,7 @@ TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
         .Read().Reply("pong").Read().Reply("\"v\"").Read().Reply("")
         .Read().Reply("ab\0cd"s)
         .Read().Raw(Frame("abcdefghij").substr(0, 7)).SleepMs(100).Raw("defghij")
-        .Drain().Use(home.path());
+        .Drain().Use();
     ASSERT_EQ(0, tsmx_Startup());
     for (const auto& [request, reply] : exchanges) {
       EXPECT_EQ(reply, InvokeText(request)) << request;
@@ -60,7 +60,7 @@ TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
   TempHome home;
   InstallScriptedHost(home);
   EXPECT_TRUE(RunIsolated([&] {
-    HostScript().Read().Use(home.path());
+    HostScript().Read().Use();
     ASSERT_EQ(0, tsmx_Startup());
     BackgroundInvoke invoke;
     std::this_thread::sleep_for(milliseconds(300));
@@ -82,8 +82,7 @@ TEST(BridgeFifoTest, AFailedBodyWriteStillReadsTheReply) {
   EXPECT_TRUE(RunIsolated([&] {
     // The first request leaves the one-page request pipe room for the next
     // length alone: the host stops reading once the pipe is full.
-    HostScript().Reply("first").Reply("second").AwaitUnread(4096).CloseRequests()
-        .Use(home.path());
+    HostScript().Reply("first").Reply("second").CloseRequestsAt(4096).Use();
     ASSERT_EQ(0, tsmx_Startup());
     EXPECT_EQ("first"s, InvokeText(std::string(4096 - 8, 'x')));
     EXPECT_EQ("second"s, InvokeText("{}"));
@@ -100,7 +99,7 @@ TEST(BridgeFifoTest, AFailedBodyReadGivesAnEmptyText) {
     struct sigaction action {};
     action.sa_handler = [](int) {};  // no SA_RESTART: a blocked read fails
     sigaction(SIGUSR1, &action, nullptr);
-    HostScript().Read().Raw(std::string("\5\0\0\0", 4)).Drain().Use(home.path());
+    HostScript().Read().Raw(std::string("\5\0\0\0", 4)).Drain().Use();
     ASSERT_EQ(0, tsmx_Startup());
     BackgroundInvoke invoke;
     // The length read retries an interruption; only the body read gives up.

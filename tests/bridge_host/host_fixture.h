@@ -87,10 +87,9 @@ inline bool Absent(const std::string& path) {
 }
 
 // The scripted host: this executable started under the host's name. It
-// records its argv (NUL-terminated) in RECORD/argv and every request byte in
-// RECORD/input, then exits 0 (1 when a step failed).
+// records its argv (NUL-terminated) in HOME/argv and every request byte in
+// HOME/input, then exits 0 (1 when a step failed).
 inline constexpr char kScriptVariable[] = "TESSMAR_TEST_HOST_SCRIPT";
-inline constexpr char kRecordVariable[] = "TESSMAR_TEST_HOST_RECORD";
 
 class HostScript {
  public:
@@ -101,15 +100,11 @@ class HostScript {
   HostScript& Raw(const std::string& bytes) { return Step('w', bytes); }
   HostScript& Callback(const std::string& body) { return Step('c', Frame(body)); }
   HostScript& SleepMs(int ms) { return Step('s', std::to_string(ms)); }
-  // Waits (at most 5 s) until `bytes` request bytes lie unread.
-  HostScript& AwaitUnread(int bytes) { return Step('f', std::to_string(bytes)); }
-  // Stops reading requests: the library's writes then fail.
-  HostScript& CloseRequests() { return Step('x', ""); }
-  // The next host started runs this script and records into `record_dir`.
-  void Use(const std::string& record_dir) const {
-    setenv(kScriptVariable, text_.c_str(), 1);
-    setenv(kRecordVariable, record_dir.c_str(), 1);
-  }
+  // Once `bytes` request bytes lie unread (at most 5 s), closes the request
+  // FIFO: the library's writes then fail.
+  HostScript& CloseRequestsAt(int bytes) { return Step('x', std::to_string(bytes)); }
+  // The next host started runs this script.
+  void Use() const { setenv(kScriptVariable, text_.c_str(), 1); }
 
  private:
   HostScript& Step(char op, const std::string& argument);

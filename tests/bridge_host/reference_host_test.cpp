@@ -11,15 +11,6 @@ namespace {
 constexpr char kReferenceHost[] = TESSMAR_TEST_REFERENCE_HOST;
 using bridge::SetCallbackMessage;
 
-std::vector<std::optional<std::string>> InvokeAll(
-    const std::vector<std::string>& requests) {
-  std::vector<std::optional<std::string>> replies;
-  for (const std::string& request : requests) {
-    replies.push_back(InvokeText(request));
-  }
-  return replies;
-}
-
 std::string Echo(std::size_t pad) {
   return R"({"cmd":"native","id":"1","echo":true,"pad":")" +
          std::string(pad, 'x') + "\"}";
@@ -53,12 +44,17 @@ TEST(ReferenceHostTest, AnswersAndCallsBackAsTheInProcessPathDoes) {
   };
   const std::size_t pipe_limit =
       std::stoul(ReadFile("/proc/sys/fs/pipe-max-size"));
+  const auto invoke_all = [&requests] {
+    std::vector<std::optional<std::string>> replies;
+    for (const std::string& request : requests) replies.push_back(InvokeText(request));
+    return replies;
+  };
   EXPECT_TRUE(RunIsolated([&] {
-    const auto in_process = InvokeAll(requests);
+    const auto in_process = invoke_all();
     const auto queued = PopMessages(1, milliseconds(5000));
     ASSERT_EQ(1u, queued.size()) << "the example calls back after setcallback";
     ASSERT_EQ(0, tsmx_Startup());
-    EXPECT_EQ(in_process, InvokeAll(requests));
+    EXPECT_EQ(in_process, invoke_all());
     EXPECT_EQ(queued, PopMessages(1, milliseconds(5000)));
     // "" cannot be framed: the host's empty answer is a zero-length reply.
     EXPECT_EQ(std::nullopt, InvokeText(R"({"init":"unknown"})"));

@@ -41,7 +41,7 @@ std::string ReadUpTo(int fd, std::size_t size) {
 }
 
 int RunScriptedHost(int argc, char** argv) {
-  const std::string record = std::getenv(kRecordVariable);
+  const std::string record = std::getenv("HOME");
   std::string arguments;
   for (int i = 0; i < argc; ++i) arguments += std::string(argv[i]) + '\0';
   WriteFile(record + "/argv", arguments);
@@ -70,14 +70,13 @@ int RunScriptedHost(int argc, char** argv) {
       for (std::string part; ok && !(part = ReadUpTo(request, 4096)).empty();) {
         ok = WriteAll(input, part);
       }
-    } else if (step[0] == 'f') {
+    } else if (step[0] == 'x') {
       int unread = 0;
       for (int i = 0; i < 1000 && ioctl(request, FIONREAD, &unread) == 0 &&
                       unread < std::stoi(arg);
            ++i) {
         std::this_thread::sleep_for(milliseconds(5));
       }
-    } else if (step[0] == 'x') {
       close(request);
       request = -1;
     } else if (step[0] == 's') {

@@ -68,7 +68,7 @@ TEST(BridgeStartupTest, ReplacesLeftoversStartsTheHostAndReapsIt) {
 
   EXPECT_TRUE(RunIsolated([&] {
     umask(0);
-    HostScript().Drain().Use(home.path());
+    HostScript().Drain().Use();
     ASSERT_EQ(0, tsmx_Startup());
     ExpectFifos("p600");
     tsmx_End();
