@@ -38,8 +38,7 @@ TEST_F(CallbackQueue, SetCallbackMessagesAreBuiltByteForByte) {
       {"t", "c", "", head + "t\", \"callback\":\"c\", \"reply\":{}}}"},
       {"a\"b", "c\\d", "\"raw\"",
        head + "a\"b\", \"callback\":\"c\\d\", \"reply\":\"raw\"}}"},
-      {nullptr, "c", "{}", ""},
-      {"t", nullptr, "{}", ""},
+      {nullptr, "c", "{}", ""}, {"t", nullptr, "{}", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);

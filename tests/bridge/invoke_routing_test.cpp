@@ -99,8 +99,7 @@ TEST(InvokeRouting, InProcessModulesGetTheBridgesHostTableAndNoPathNames) {
     s.home.WriteConfig("x.json", file);
     EXPECT_EQ(InvokeText(R"({"cmd":"native","id":"2","module":"x","sendCallback":1})"),
               Envelope("2", "", R"({"from":"a","call":1})", ""));
-    EXPECT_EQ(s.Log().at(1),
-              SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));
+    EXPECT_EQ(s.Log().at(1), SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));
     EXPECT_EQ(PopText(), SetCallbackMessage("rec-tab", "rec-cb", R"({"from":"a"})"));
     EXPECT_EQ(PopText(), "");
   }));

@@ -47,23 +47,20 @@ TEST(DriverTest, ReportsBadArgumentsAndUnloadableLibraries) {
 
 TEST(DriverTest, RefusesHostModeWithoutARunnableHost) {
   TempHome home;
-  home.WriteConfig("config.json",
-                   "{\"Tessmar\":\"" + home.path() + "/missing\"}");
+  home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/missing\"}");
   ProgramResult result = RunProgram({kDriver, "--host", kEcho});
   EXPECT_EQ(3, result.exit_code);
   EXPECT_NE(std::string::npos, result.err.find("/missing/TessmarFirefox"));
-  EXPECT_TRUE(Absent(RequestFifo())) << "tsmx_Startup must not have run";
+  EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_Startup must not have run";
 
   // Its exec fails: the forked child must not go on as a second driver.
-  chmod(home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n")
-            .c_str(),
+  chmod(home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n").c_str(),
         0755);
-  home.WriteConfig("config.json",
-                   "{\"Tessmar\":\"" + home.path() + "/broken\"}");
+  home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/broken\"}");
   result = RunProgram({kDriver, "--host", kEcho});
   EXPECT_EQ(4, result.exit_code) << result.err;
   EXPECT_EQ("", result.out);
-  EXPECT_TRUE(Absent(RequestFifo())) << "tsmx_End removed the FIFOs";
+  EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_End removed the FIFOs";
 }
 
 TEST(DriverTest, HostModePrintsRepliesThenCallbacks) {
@@ -80,7 +77,7 @@ TEST(DriverTest, HostModePrintsRepliesThenCallbacks) {
   const std::string sent = BuildReplyEnvelope("2", "t1", REPLY_TRUE, "{\"sent\":101}", "cb");
   EXPECT_EQ(0u, result.out.find(EchoReply() + "\n<null>\n" + sent + "\ncallback: {\"response\":"))
       << result.out;
-  EXPECT_TRUE(Absent(RequestFifo()));
+  EXPECT_EQ("absent", Node(RequestFifo()));
 }
 
 }  // namespace

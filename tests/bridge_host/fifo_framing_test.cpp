@@ -24,14 +24,20 @@ struct BackgroundInvoke {
 // The host must read exactly the framed requests, then the stop message.
 // Replies: zero length is NULL, a NUL cuts the body, a body in two pieces is
 // NULL. Callbacks: popped in the host's order, cut at a NUL, and a zero-length
-// one stops the reader (but not the replies). After tsmx_End: NULL.
-TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
+// one stops the reader (but not the replies). Leftovers where the FIFOs go
+// are replaced; tsmx_End reaps the host and removes the FIFOs, and requests
+// then give NULL.
+TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacksFromStartToEnd) {
   TempHome home;
-  InstallScriptedHost(home);
+  const std::string host = InstallScriptedHost(home);
+  WriteFile(ReplyFifo(), "stale reply");
+  ASSERT_EQ(0, symlink((home.path() + "/nowhere").c_str(), RequestFifo().c_str()));
+  ASSERT_EQ(0, mkfifo(CallbackFifo().c_str(), 0644));
   const std::vector<std::pair<std::string, Reply>> exchanges = {
       {"hello", "pong"}, {R"({"init":"get_version"})", "\"v\""},
       {"{}", std::nullopt}, {R"({"q":2})", "ab"}, {R"({"q":3})", std::nullopt}};
   EXPECT_TRUE(RunIsolated([&] {
+    umask(0);
     HostScript()
         .Callback("first").Callback("sec\0ond"s).Callback("third")
         .Callback("").Callback("never read")
@@ -40,14 +46,21 @@ TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacks) {
         .Read().Raw(Frame("abcdefghij").substr(0, 7)).SleepMs(100).Raw("defghij")
         .Drain().Use();
     ASSERT_EQ(0, tsmx_Startup());
+    ExpectFifos("p600");
     for (const auto& [request, reply] : exchanges) {
       EXPECT_EQ(reply, InvokeText(request)) << request;
     }
     EXPECT_EQ((std::vector<std::string>{"first", "sec", "third"}),
               PopMessages(4, milliseconds(300)));
     tsmx_End();
+    errno = 0;
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "the host was not reaped";
+    EXPECT_EQ(ECHILD, errno);
+    ExpectFifos("absent");
     EXPECT_EQ(std::nullopt, InvokeText(R"({"init":"get_version"})"));
+    tsmx_End();  // repeated: must neither hang nor crash
   }, kDeadlineSeconds));
+  EXPECT_EQ(host + '\0', ReadFile(home.path() + "/argv"));
   std::string framed;
   for (const auto& exchange : exchanges) framed += Frame(exchange.first);
   EXPECT_EQ(framed + Frame(""), ReadFile(home.path() + "/input"));
@@ -70,7 +83,7 @@ TEST(BridgeFifoTest, ARequestWhoseHostDiedWaitsUntilTheEnd) {
     EXPECT_EQ(std::nullopt, invoke.reply);
     errno = 0;
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "the host was not reaped";
-    EXPECT_TRUE(Absent(RequestFifo()));
+    EXPECT_EQ("absent", Node(RequestFifo()));
   }, kDeadlineSeconds));
 }
 

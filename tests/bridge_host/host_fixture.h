@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <vector>
 
 #include "bridge/fifo_names.h"
@@ -56,16 +57,14 @@ inline std::string Frame(const std::string& body) {
 }
 
 inline std::string Fifo(const char* name) {
-  return std::string(std::getenv("HOME")) + kUserConfigSubdirectory + "/" +
-         name;
+  return std::string(std::getenv("HOME")) + kUserConfigSubdirectory + "/" + name;
 }
 inline std::string ReplyFifo() { return Fifo(bridge::kReplyFifoName); }
 inline std::string RequestFifo() { return Fifo(bridge::kRequestFifoName); }
 inline std::string CallbackFifo() { return Fifo(bridge::kCallbackFifoName); }
 
 // Links INSTALL_DIR/TessmarFirefox to `host`; returns the link's path.
-inline std::string LinkHost(const std::string& install_dir,
-                            const std::string& host) {
+inline std::string LinkHost(const std::string& install_dir, const std::string& host) {
   MakeDirectories(install_dir);
   const std::string path = install_dir + "/" + bridge::kHostExecutableName;
   EXPECT_EQ(0, symlink(host.c_str(), path.c_str())) << path;
@@ -80,10 +79,21 @@ inline std::string InstallScriptedHost(const TempHome& home) {
   return LinkHost(home.path() + "/install", "/proc/self/exe");
 }
 
-// True when nothing, not even a dangling link, is at `path`.
-inline bool Absent(const std::string& path) {
+// "p600", "d755"... for what is at `path` (links not followed), or "absent".
+inline std::string Node(const std::string& path) {
   struct stat info;
-  return lstat(path.c_str(), &info) != 0 && errno == ENOENT;
+  if (lstat(path.c_str(), &info) != 0) return "absent";
+  char text[8];
+  std::snprintf(text, sizeof text, "%c%o",
+                S_ISFIFO(info.st_mode) ? 'p' : S_ISDIR(info.st_mode) ? 'd' : '-',
+                static_cast<unsigned>(info.st_mode & 07777));
+  return text;
+}
+
+inline void ExpectFifos(const std::string& node) {
+  for (const std::string& fifo : {ReplyFifo(), RequestFifo(), CallbackFifo()}) {
+    EXPECT_EQ(node, Node(fifo)) << fifo;
+  }
 }
 
 // The scripted host: this executable started under the host's name. It

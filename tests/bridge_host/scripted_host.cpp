@@ -25,8 +25,7 @@ HostScript& HostScript::Step(char op, const std::string& argument) {
 namespace {
 
 bool WriteAll(int fd, const std::string& bytes) {
-  return write(fd, bytes.data(), bytes.size()) ==
-         static_cast<ssize_t>(bytes.size());
+  return write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
 }
 
 // Exactly `size` bytes, or fewer at end of file.
