@@ -21,12 +21,10 @@ struct BackgroundInvoke {
   std::thread thread{[this] { reply = InvokeText("{}"); done = true; }};
 };
 
-// The host must read exactly the framed requests, then the stop message.
-// Replies: zero length is NULL, a NUL cuts the body, a body in two pieces is
-// NULL. Callbacks: popped in the host's order, cut at a NUL, and a zero-length
-// one stops the reader (but not the replies). Leftovers where the FIFOs go
-// are replaced; tsmx_End reaps the host and removes the FIFOs, and requests
-// then give NULL.
+// Leftovers where the FIFOs go are replaced. The host reads exactly the framed
+// requests, then the stop message. Replies: zero length is NULL, a NUL cuts the
+// body, a body in two pieces is NULL. Callbacks: in order, cut at a NUL, and a
+// zero-length one stops the reader. tsmx_End reaps the host, removes the FIFOs.
 TEST(BridgeFifoTest, FramesRequestsRepliesAndCallbacksFromStartToEnd) {
   TempHome home;
   const std::string host = InstallScriptedHost(home);

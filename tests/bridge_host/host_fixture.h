@@ -106,14 +106,13 @@ class HostScript {
   HostScript& Read() { return Step('r', ""); }   // one whole request message
   HostScript& Drain() { return Step('d', ""); }  // requests until closed
   HostScript& Reply(const std::string& body) { return Raw(Frame(body)); }
-  // Bytes on the reply FIFO in one write.
   HostScript& Raw(const std::string& bytes) { return Step('w', bytes); }
   HostScript& Callback(const std::string& body) { return Step('c', Frame(body)); }
   HostScript& SleepMs(int ms) { return Step('s', std::to_string(ms)); }
   // Once `bytes` request bytes lie unread (at most 5 s), closes the request
   // FIFO: the library's writes then fail.
   HostScript& CloseRequestsAt(int bytes) { return Step('x', std::to_string(bytes)); }
-  // The next host started runs this script.
+  // For the next host started.
   void Use() const { setenv(kScriptVariable, text_.c_str(), 1); }
 
  private:

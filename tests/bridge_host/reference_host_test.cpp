@@ -91,9 +91,8 @@ TEST(ReferenceHostTest, AnswersAndCallsBackAsTheInProcessPathDoes) {
       << "the host unloads its modules on the stop message";
 }
 
-// The host as installed into a staging prefix of this build tree, moved to
-// a bin/ directory next to the library directory, still finds the library.
-// (The installation directory itself is run by the packaging test.)
+// The host as installed into a staging prefix, moved to a bin/ directory next
+// to the library directory, still finds the library.
 TEST(ReferenceHostTest, StartsFromABinDirectoryBesideTheLibraries) {
   TempHome home;
   const std::string installed = TESSMAR_TEST_STAGING "/" TESSMAR_TEST_INSTALL_DIR;

@@ -26,8 +26,7 @@ struct Session : ProgramResult {
 };
 
 // Runs the adapter on `input`. With `linger` its input stays open, as a
-// browser's does, until a callback has come out on RunProgram's output file
-// (at most 5 s).
+// browser's does, until a callback is out (at most 5 s).
 Session RunAdapter(std::vector<std::string> args, const std::string& input,
                    bool linger = false) {
   args.insert(args.begin(), kNmHost);
