@@ -28,10 +28,7 @@ class CallbackQueue : public ::testing::Test {
 TEST_F(CallbackQueue, SetCallbackMessagesAreBuiltByteForByte) {
   const int marker = 0;
   const std::string head = "{\"response\":{\"id\":\"setcallback\", \"tabid\":\"";
-  const struct {
-    const char *tabid, *callback, *reply;
-    std::string message;
-  } cases[] = {
+  const struct { const char *tabid, *callback, *reply; std::string message; } cases[] = {
       {"tab1", "onData", "{\"v\":[1,2]}",
        head + "tab1\", \"callback\":\"onData\", \"reply\":{\"v\":[1,2]}}}"},
       {"t", "c", nullptr, head + "t\", \"callback\":\"c\", \"reply\":{}}}"},
