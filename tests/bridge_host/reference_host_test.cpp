@@ -12,12 +12,10 @@ constexpr char kReferenceHost[] = TESSMAR_TEST_REFERENCE_HOST;
 using bridge::SetCallbackMessage;
 
 std::string Echo(std::size_t pad) {
-  return R"({"cmd":"native","id":"1","echo":true,"pad":")" +
-         std::string(pad, 'x') + "\"}";
+  return R"({"cmd":"native","id":"1","echo":true,"pad":")" + std::string(pad, 'x') + "\"}";
 }
-std::string SendCallbacks(std::size_t bytes) {
-  return R"({"cmd":"native","id":"2","module":"cbmod","callbackBytes":)" +
-         std::to_string(bytes) + "}";
+std::string SendCallbacks(std::size_t n) {
+  return R"({"cmd":"native","id":"2","module":"cbmod","callbackBytes":)" + std::to_string(n) + "}";
 }
 
 // One host serves every kind of request the in-process path answers, byte
