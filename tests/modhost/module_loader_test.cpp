@@ -11,11 +11,9 @@
 #include "tessmar/modhost.h"
 #include "tessmar/signature.h"
 
-// An entry point of the test program itself, exported like a module's, that
-// a module without a file must never reach.
+// Exported like a module's entry point; a module without a file must never reach it.
 static int g_programInitializeCalls = 0;
-extern "C" __attribute__((visibility("default"))) int Initialize(
-    QxClientFuncs*) {
+extern "C" __attribute__((visibility("default"))) int Initialize(QxClientFuncs*) {
   ++g_programInitializeCalls;
   return 1;
 }
@@ -37,8 +35,7 @@ TEST(ModuleLoader, LoadsOnceAndFindsModulesByTheirWholeName) {
     QxClientFuncs* ab = GetInvoke("ab");
     ASSERT_NE(ab, nullptr);
     for (const char* other : {"a", "abc", "xb", "ab ", "", "AB"}) {
-      SCOPED_TRACE(other);
-      EXPECT_EQ(GetInvoke(other), nullptr);
+      EXPECT_EQ(GetInvoke(other), nullptr) << other;
     }
     EXPECT_EQ(GetInvoke(nullptr), nullptr);
     EXPECT_EQ(LoadQxClient("ab", &host), QX_LOAD_OK);
@@ -57,8 +54,7 @@ TEST(ModuleLoader, LoadsOnceAndFindsModulesByTheirWholeName) {
 TEST(ModuleLoader, ChecksComeInTheirFixedOrder) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
-    const std::string copy =
-        s.install.AddModuleCopy("a", FIXTURE_RECORDING_A_PATH);
+    const std::string copy = s.install.AddModuleCopy("a", FIXTURE_RECORDING_A_PATH);
     s.install.AddModule("b", FIXTURE_RECORDING_B_PATH);
     s.install.WriteModuleFile("wrongsig", FIXTURE_RECORDING_B_PATH,
                               SignedInstallation::ModuleSignature(copy));
@@ -85,20 +81,17 @@ TEST(ModuleLoader, ChecksComeInTheirFixedOrder) {
 TEST(ModuleLoader, LibrariesThatCannotBeInitializedStayUnregistered) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
-    s.install.AddModule(
-        "text", s.home.WriteHomeFile("modules/libtext.so", "not a library\n"));
+    s.install.AddModule("text", s.home.WriteHomeFile("modules/libtext.so", "not a library\n"));
     s.install.AddModule("bare", FIXTURE_NO_INITIALIZE_PATH);
     s.install.AddModule("failing", FIXTURE_FAILING_INITIALIZE_PATH);
     EXPECT_EQ(LoadQxClient("text", nullptr), QX_LOAD_OPEN_FAILED);
     // No Initialize or a failing one: 0, and each attempt retries.
     for (const char* name : {"bare", "failing", "bare", "failing"}) {
-      SCOPED_TRACE(name);
-      EXPECT_EQ(LoadQxClient(name, nullptr), QX_LOAD_OK);
-      EXPECT_EQ(GetInvoke(name), nullptr);
+      EXPECT_EQ(LoadQxClient(name, nullptr), QX_LOAD_OK) << name;
+      EXPECT_EQ(GetInvoke(name), nullptr) << name;
     }
     EXPECT_EQ(s.Log(), (Lines{"failing\tInitialize", "failing\tInitialize"}));
-    // No module file: nothing to open, and the program's own Initialize is
-    // never looked up.
+    // No module file: nothing to open, and the program's own Initialize is never looked up.
     EXPECT_EQ(LoadQxClient("absent", nullptr), QX_LOAD_OPEN_FAILED);
     EXPECT_EQ(g_programInitializeCalls, 0);
     EXPECT_EQ(GetLoadedClientList(), "");
@@ -120,17 +113,13 @@ TEST(ModuleLoader, UnloadTerminatesEveryModuleAndStartsAfresh) {
     Lines log = s.Log();
     ASSERT_EQ(log.size(), 6u);
     std::sort(log.begin() + 4, log.end());
-    EXPECT_EQ(Lines(log.begin() + 4, log.end()),
-              (Lines{"a\tTerminate", "b\tTerminate"}));
+    EXPECT_EQ(Lines(log.begin() + 4, log.end()), (Lines{"a\tTerminate", "b\tTerminate"}));
     EXPECT_EQ(GetInvoke("b"), nullptr);
     EXPECT_EQ(GetLoadedClientList(), "");
 
-    // Without a host table a module gets the default one, whose callbacks
-    // go nowhere.
-    const std::string request =
-        R"({"cmd":"native","id":"1","module":"b","sendCallback":1})";
-    EXPECT_NE(process_request(nullptr, request.c_str(),
-                              static_cast<int>(request.size()), nullptr),
+    // Without a host table a module gets the default one, whose callbacks go nowhere.
+    const std::string request = R"({"cmd":"native","id":"1","module":"b","sendCallback":1})";
+    EXPECT_NE(process_request(nullptr, request.c_str(), static_cast<int>(request.size()), nullptr),
               "");
     EXPECT_EQ(s.Log().at(7), SetHostFuncsLine("b", &g_defaultHostFuncs));
     EXPECT_EQ(s.Log().at(9), "b\tSendCallback\t0");

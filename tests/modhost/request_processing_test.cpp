@@ -15,28 +15,22 @@ namespace {
 using namespace tessmar::testing;
 
 std::string Process(const std::string& request, QXHostFuncs* host = nullptr) {
-  return process_request(nullptr, request.c_str(),
-                         static_cast<int>(request.size()), host);
+  return process_request(nullptr, request.c_str(), static_cast<int>(request.size()), host);
 }
 
-std::string Envelope(const std::string& id, const std::string& tabid,
-                     int status, const std::string& reply,
-                     const std::string& callback) {
-  return BuildReplyEnvelope(id.c_str(), tabid.c_str(), status, reply.c_str(),
-                            callback.c_str());
+std::string Envelope(const std::string& id, const std::string& tabid, int status,
+                     const std::string& reply, const std::string& callback) {
+  return BuildReplyEnvelope(id.c_str(), tabid.c_str(), status, reply.c_str(), callback.c_str());
 }
 
 TEST(ProcessRequest, UnusableRequestsAndModuleRequestsWithoutIdGetNoReply) {
   const std::string echo = R"({"cmd":"native","id":"1","echo":true})";
+  // echo must be the literal true; else the request goes to a module, needing "id".
   for (const std::string request :
-       {"", "not json", R"(["cmd","native"])",
-        R"({"cmd":"Native","id":"1","echo":true})",
-        R"({"cmd":5,"id":"1","echo":true})",
-        // echo must be the literal true; else it goes to a module, needing "id"
-        R"({"cmd":"native","echo":"true"})", R"({"cmd":"native","id":7})",
-        R"({"cmd":"setcallback","tabid":"t"})"}) {
-    SCOPED_TRACE(request);
-    EXPECT_EQ(Process(request), "");
+       {"", "not json", R"(["cmd","native"])", R"({"cmd":"Native","id":"1","echo":true})",
+        R"({"cmd":5,"id":"1","echo":true})", R"({"cmd":"native","echo":"true"})",
+        R"({"cmd":"native","id":7})", R"({"cmd":"setcallback","tabid":"t"})"}) {
+    EXPECT_EQ(Process(request), "") << request;
   }
   // Only `length` bytes are parsed: a cut request is not JSON.
   EXPECT_EQ(process_request(nullptr, echo.c_str(), 10, nullptr), "");
@@ -46,18 +40,14 @@ TEST(ProcessRequest, UnusableRequestsAndModuleRequestsWithoutIdGetNoReply) {
 }
 
 TEST(ProcessRequest, EchoAndEmptyBroadcastAreAnsweredWithoutAModule) {
-  const std::string request =
-      R"({"cmd":"native","id":"7","tabid":"t","callback":"cb","echo":true,)"
-      R"("module":"nowhere"})";
+  const std::string request = R"({"cmd":"native","id":"7","tabid":"t","callback":"cb",)"
+                              R"("echo":true,"module":"nowhere"})";
   // The echo holds the `length` bytes given, not what follows them.
   const std::string padded = request + "trailing bytes";
-  EXPECT_EQ(process_request(nullptr, padded.c_str(),
-                            static_cast<int>(request.size()), nullptr),
-            Envelope("7", "t", REPLY_TRUE,
-                     R"({"reply":{"status":"0", "reply":)" + request + "}}",
+  EXPECT_EQ(process_request(nullptr, padded.c_str(), static_cast<int>(request.size()), nullptr),
+            Envelope("7", "t", REPLY_TRUE, R"({"reply":{"status":"0", "reply":)" + request + "}}",
                      "cb"));
-  EXPECT_EQ(Process(R"({"cmd":"native","id":"9","tabid":"t","callback":"c",)"
-                    R"("module":"_all_"})"),
+  EXPECT_EQ(Process(R"({"cmd":"native","id":"9","tabid":"t","callback":"c","module":"_all_"})"),
             Envelope("9", "t", REPLY_TRUE, "{}", "c"));
   EXPECT_EQ(GetLoadedClientList(), "");
 }
@@ -67,36 +57,28 @@ TEST(ProcessRequest, ModuleAnswersAreWrappedWithTheRequestsOwnFields) {
   EXPECT_TRUE(RunIsolated([&] {
     s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
     QXHostFuncs host = tessmar::g_defaultHostFuncs;
-    const std::string request =
-        R"({"cmd":"native","id":"42","tabid":"tab","callback":"cb",)"
-        R"("module":"rec","origin":"https://o.example"})";
+    const std::string request = R"({"cmd":"native","id":"42","tabid":"tab","callback":"cb",)"
+                                R"("module":"rec","origin":"https://o.example"})";
     EXPECT_EQ(Process(request, &host),
-              Envelope("42", "tab", REPLY_TRUE, R"({"from":"a","call":1})",
-                       "cb"));
+              Envelope("42", "tab", REPLY_TRUE, R"({"from":"a","call":1})", "cb"));
     EXPECT_EQ(s.Log(), (Lines{"a\tInitialize", SetHostFuncsLine("a", &host),
-                              LogLine({"a", "Invoke", "https://o.example",
-                                       "42", request}),
+                              LogLine({"a", "Invoke", "https://o.example", "42", request}),
                               "a\tFreeString\t{\"from\":\"a\",\"call\":1}"}));
 
-    const std::string setcallback =
-        R"({"cmd":"setcallback","id":"5","tabid":"tab-1","callback":"onX",)"
-        R"("module":"rec","origin":"o"})";
+    const std::string setcallback = R"({"cmd":"setcallback","id":"5","tabid":"tab-1",)"
+                                    R"("callback":"onX","module":"rec","origin":"o"})";
     EXPECT_EQ(Process(setcallback),
-              Envelope("5", "tab-1", REPLY_TRUE,
-                       R"({"from":"a","setcallback":1})", "onX"));
-    EXPECT_EQ(s.Log().at(4), LogLine({"a", "SetCallback", "o", "5",
-                                      setcallback, "tab-1", "1"}));
+              Envelope("5", "tab-1", REPLY_TRUE, R"({"from":"a","setcallback":1})", "onX"));
+    EXPECT_EQ(s.Log().at(4), LogLine({"a", "SetCallback", "o", "5", setcallback, "tab-1", "1"}));
 
     // Without a module name the request goes to "morrowhost".
     s.install.AddModule("morrowhost", FIXTURE_RECORDING_B_PATH);
     int call = 0;
     for (const std::string module : {"", R"(,"module":"")"}) {
-      SCOPED_TRACE(module);
       EXPECT_EQ(Process(R"({"cmd":"native","id":"1")" + module + "}"),
                 Envelope("1", "", REPLY_TRUE,
-                         R"({"from":"b","call":)" + std::to_string(++call) +
-                             "}",
-                         ""));
+                         R"({"from":"b","call":)" + std::to_string(++call) + "}", ""))
+          << module;
     }
   }));
 }
@@ -110,8 +92,7 @@ TEST(ProcessRequest, StatusWordsOfOddAndRefusedModules) {
     s.install.AddModule("empty", FIXTURE_EMPTY_ANSWER_PATH);
     s.install.AddModule("nocb", FIXTURE_NO_SETCALLBACK_PATH);
     const struct {
-      const char* cmd;
-      const char* module;
+      const char *cmd, *module;
       int status;
     } cases[] = {{"native", "null", REPLY_FALSE},
                  {"native", "empty", REPLY_TRUE},
@@ -121,15 +102,13 @@ TEST(ProcessRequest, StatusWordsOfOddAndRefusedModules) {
                  {"native", "absent", REPLY_FALSE},
                  {"native", "failing", REPLY_FALSE}};
     for (const auto& c : cases) {
-      SCOPED_TRACE(c.module);
       EXPECT_EQ(Process(std::string(R"({"cmd":")") + c.cmd +
-                        R"(","id":"8","tabid":"t","callback":"c","module":")" +
-                        c.module + "\"}"),
-                Envelope("8", "t", c.status, "{}", "c"));
+                        R"(","id":"8","tabid":"t","callback":"c","module":")" + c.module + "\"}"),
+                Envelope("8", "t", c.status, "{}", "c"))
+          << c.module;
     }
     EXPECT_EQ(Process(R"({"cmd":"native","id":"7","module":"nocb"})"),
-              Envelope("7", "", REPLY_TRUE, R"({"from":"nocb","call":1})",
-                       ""));
+              Envelope("7", "", REPLY_TRUE, R"({"from":"nocb","call":1})", ""));
     s.install.Tamper();  // refused before the module file is even opened
     EXPECT_EQ(Process(R"({"cmd":"native","id":"8","module":"absent"})"),
               Envelope("8", "", REPLY_BLOCK_QX, "{}", ""));
@@ -145,9 +124,8 @@ TEST(ProcessRequest, BroadcastReachesExactlyTheLoadedModules) {
     ASSERT_EQ(LoadQxClient("a", nullptr), QX_LOAD_OK);
     ASSERT_EQ(LoadQxClient("b", nullptr), QX_LOAD_OK);
 
-    const std::string native =
-        R"({"cmd":"native","id":"5","tabid":"t","callback":"cb",)"
-        R"("module":"_all_","origin":"o"})";
+    const std::string native = R"({"cmd":"native","id":"5","tabid":"t","callback":"cb",)"
+                               R"("module":"_all_","origin":"o"})";
     EXPECT_EQ(Process(native), Envelope("5", "t", REPLY_TRUE, "{}", "cb"));
     Lines log = s.Log();  // the order of a broadcast is not fixed
     ASSERT_EQ(log.size(), 8u);

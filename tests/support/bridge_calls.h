@@ -17,7 +17,7 @@ namespace tessmar::testing {
 inline std::optional<std::string> InvokeText(const char* request) {
   char* answer = tsmx_Invoke(request);
   if (answer == nullptr) return std::nullopt;
-  std::string text(answer);
+  const std::string text(answer);
   tsmx_Free(answer);
   return text;
 }
@@ -28,25 +28,19 @@ inline std::optional<std::string> InvokeText(const std::string& request) {
 // One tsmx_Pop; "" when nothing is queued, "<NULL>" (never expected) for NULL.
 inline std::string PopText() {
   char* text = tsmx_Pop();
-  if (text == nullptr) return "<NULL>";
-  std::string copy(text);
+  const std::string copy = text != nullptr ? text : "<NULL>";
   tsmx_Free(text);
   return copy;
 }
 
 // Pops until `count` messages arrived or `timeout` passed.
-inline std::vector<std::string> PopMessages(std::size_t count,
-                                            std::chrono::milliseconds timeout) {
+inline std::vector<std::string> PopMessages(std::size_t count, std::chrono::milliseconds timeout) {
   std::vector<std::string> messages;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (messages.size() < count &&
-         std::chrono::steady_clock::now() < deadline) {
+  while (messages.size() < count && std::chrono::steady_clock::now() < deadline) {
     std::string text = PopText();
-    if (text.empty()) {
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    } else {
-      messages.push_back(std::move(text));
-    }
+    if (!text.empty()) messages.push_back(std::move(text));
+    else std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
   return messages;
 }
@@ -54,9 +48,7 @@ inline std::vector<std::string> PopMessages(std::size_t count,
 // Pops until the queue is empty; returns how many messages it popped.
 inline std::size_t DrainQueue() {
   std::size_t drained = 0;
-  for (std::string t = PopText(); !t.empty() && t != "<NULL>"; t = PopText()) {
-    ++drained;
-  }
+  for (std::string t = PopText(); !t.empty() && t != "<NULL>"; t = PopText()) ++drained;
   return drained;
 }
 

@@ -1,7 +1,6 @@
-// Test support: what a module-loading scenario needs: a temporary HOME with a
-// signed installation, and the log the fixture modules append to (its path
-// is passed in TESSMAR_FIXTURE_LOG; one tab-separated line per call). Create
-// it before RunIsolated so the parent removes the directory afterwards.
+// Test support: a temporary HOME with a signed installation, and the log the
+// fixture modules append to (TESSMAR_FIXTURE_LOG; one tab-separated line per
+// call). Create it before RunIsolated so the parent removes the directory.
 #ifndef TESSMAR_TESTS_SUPPORT_MODULE_SANDBOX_H
 #define TESSMAR_TESTS_SUPPORT_MODULE_SANDBOX_H
 
@@ -19,11 +18,10 @@ namespace tessmar::testing {
 using Lines = std::vector<std::string>;
 
 struct ModuleSandbox {
-  ModuleSandbox() { setenv("TESSMAR_FIXTURE_LOG", log_path().c_str(), 1); }
+  ModuleSandbox() { setenv("TESSMAR_FIXTURE_LOG", (home.path() + "/fixture.log").c_str(), 1); }
   ~ModuleSandbox() { unsetenv("TESSMAR_FIXTURE_LOG"); }
-  std::string log_path() const { return home.path() + "/fixture.log"; }
   Lines Log() const {
-    std::istringstream in(ReadFile(log_path()));
+    std::istringstream in(ReadFile(home.path() + "/fixture.log"));
     Lines lines;
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
@@ -33,7 +31,6 @@ struct ModuleSandbox {
   SignedInstallation install{home};
 };
 
-// Fields joined with tabs, as the fixtures write them.
 inline std::string LogLine(const Lines& fields) {
   std::string line;
   for (const std::string& field : fields) line += field + "\t";

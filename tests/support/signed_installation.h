@@ -1,6 +1,5 @@
 // Test support: a framework installation and client modules inside a
-// TempHome, signed at test time with the library's own functions the way the
-// installer signs them, so that the module host will load the modules.
+// TempHome, signed at test time as the installer signs them.
 #ifndef TESSMAR_TESTS_SUPPORT_SIGNED_INSTALLATION_H
 #define TESSMAR_TESTS_SUPPORT_SIGNED_INSTALLATION_H
 
@@ -24,8 +23,7 @@ class SignedInstallation {
   explicit SignedInstallation(const TempHome& home)
       : home_(home), install_dir_(home.path() + "/opt/tessmar") {
     MakeDirectories(install_dir_);
-    for (const char* name :
-         {"libnpTessmarPlugin.so", "libTessmarFirefox.so", "TessmarChrome"}) {
+    for (const char* name : {"libnpTessmarPlugin.so", "libTessmarFirefox.so", "TessmarChrome"}) {
       WriteFile(install_dir_ + "/" + name, std::string("covered:") + name);
     }
     Sign();
@@ -37,11 +35,9 @@ class SignedInstallation {
   void Sign() const {
     WriteConfigJson("");  // makeSig reads its header from the existing file
     std::string header;
-    WriteConfigJson(
-        MakeBase64Encode(makeSig("morrowhost", "pelmora", "", header)));
+    WriteConfigJson(MakeBase64Encode(makeSig("morrowhost", "pelmora", "", header)));
   }
 
-  // Changes a covered file so the stored signature no longer matches.
   void Tamper() const {
     WriteFile(install_dir_ + "/libTessmarFirefox.so", "changed after signing");
   }
@@ -52,9 +48,8 @@ class SignedInstallation {
 
   void WriteModuleFile(const std::string& name, const std::string& path,
                        const std::string& sig) const {
-    home_.WriteConfig(name + ".json", "{\"Name\":\"" + name + "\",\"Path\":\"" +
-                                          path + "\",\"Sig\":\"" + sig +
-                                          "\",\"Version\":\"1.0.0.1\"}");
+    home_.WriteConfig(name + ".json", "{\"Name\":\"" + name + "\",\"Path\":\"" + path +
+                                          "\",\"Sig\":\"" + sig + "\",\"Version\":\"1.0.0.1\"}");
   }
 
   // Registers `library` as module `name`, signed as it is now.
@@ -63,20 +58,16 @@ class SignedInstallation {
   }
 
   // Registers a copy of `library` below HOME (for the test to change later).
-  std::string AddModuleCopy(const std::string& name,
-                            const std::string& library) const {
-    const std::string copy =
-        home_.WriteHomeFile("modules/lib" + name + ".so", ReadFile(library));
+  std::string AddModuleCopy(const std::string& name, const std::string& library) const {
+    const std::string copy = home_.WriteHomeFile("modules/lib" + name + ".so", ReadFile(library));
     AddModule(name, copy);
     return copy;
   }
 
  private:
   void WriteConfigJson(const std::string& sig) const {
-    home_.WriteConfig("config.json",
-                      "{\"Tessmar\":\"" + install_dir_ +
-                          "\",\"Version\":\"2.5.0.1\",\"Sig\":\"" + sig +
-                          "\"}");
+    home_.WriteConfig("config.json", "{\"Tessmar\":\"" + install_dir_ +
+                                         "\",\"Version\":\"2.5.0.1\",\"Sig\":\"" + sig + "\"}");
   }
 
   const TempHome& home_;

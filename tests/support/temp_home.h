@@ -1,6 +1,5 @@
-// Test support: a private temporary directory used as HOME for the length
-// of one test, with helpers to lay out configuration files in it. Tests
-// never touch the real HOME, /usr/share or /etc.
+// Test support: a private temporary HOME for one test, with helpers to lay
+// out configuration files in it; the real HOME is never touched.
 #ifndef TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
 #define TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
 
@@ -15,7 +14,6 @@
 
 namespace tessmar::testing {
 
-// Writes `data` to `path` byte for byte, creating or truncating the file.
 inline void WriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
@@ -25,7 +23,6 @@ inline std::string ReadFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// mkdir -p with mode 0755.
 inline void MakeDirectories(const std::string& path) {
   for (std::size_t pos = 1; pos != std::string::npos;) {
     pos = path.find('/', pos + 1);
@@ -33,14 +30,13 @@ inline void MakeDirectories(const std::string& path) {
   }
 }
 
-// Creates a fresh directory under TMPDIR (or /tmp), points HOME at it, and
-// on destruction restores HOME and removes the tree.
+// Points HOME at a fresh directory under TMPDIR; restores HOME and removes
+// the tree on destruction.
 class TempHome {
  public:
   TempHome() {
     const char* tmp = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(tmp ? tmp : "/tmp") + "/tessmar-test-XXXXXX";
+    std::string pattern = std::string(tmp ? tmp : "/tmp") + "/tessmar-test-XXXXXX";
     root_ = mkdtemp(&pattern[0]) != nullptr ? pattern : std::string();
     if (const char* old = std::getenv("HOME")) old_home_ = old;
     setenv("HOME", root_.c_str(), 1);
@@ -63,16 +59,14 @@ class TempHome {
   }
 
   // Writes a file into the user configuration directory; returns its path.
-  std::string WriteConfig(const std::string& name,
-                          const std::string& text) const {
+  std::string WriteConfig(const std::string& name, const std::string& text) const {
     const std::string path = ConfigDir() + "/" + name;
     WriteFile(path, text);
     return path;
   }
 
   // Writes a file anywhere below HOME (directories created); returns its path.
-  std::string WriteHomeFile(const std::string& relative,
-                            const std::string& data) const {
+  std::string WriteHomeFile(const std::string& relative, const std::string& data) const {
     std::string path = root_ + "/" + relative;
     MakeDirectories(path.substr(0, path.rfind('/')));
     WriteFile(path, data);
