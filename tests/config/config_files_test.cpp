@@ -15,21 +15,18 @@ namespace {
 
 using tessmar::testing::TempHome;
 
-// This test's library was built with a system configuration directory in
-// the build tree; it is emptied around each test.
-class SystemDir {
- public:
+// This test's library looks for system files in a build-tree directory,
+// emptied around each test.
+struct SystemDir {
   SystemDir() { Clear(); }
   ~SystemDir() { Clear(); }
+  static void Clear() { EXPECT_EQ(std::system("rm -rf '" TESSMAR_TEST_SYSTEM_DIR "'"), 0); }
   std::string Write(const std::string& name, const std::string& text) const {
     const std::string path = std::string(TESSMAR_TEST_SYSTEM_DIR) + "/" + name;
     tessmar::testing::MakeDirectories(path.substr(0, path.rfind('/')));
     tessmar::testing::WriteFile(path, text);
     return path;
   }
-
- private:
-  static void Clear() { EXPECT_EQ(std::system("rm -rf '" TESSMAR_TEST_SYSTEM_DIR "'"), 0); }
 };
 
 TEST(ConfigLocation, TheUserFileWinsAndTheSystemFileIsTheFallback) {

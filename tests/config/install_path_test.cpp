@@ -5,9 +5,8 @@
 #include <string>
 #include <tuple>
 
-#include "support/temp_home.h"
+#include "support/signed_installation.h"
 #include "tessmar/config.h"
-#include "tessmar/signature.h"
 
 namespace {
 
@@ -18,16 +17,15 @@ std::string ModuleJson(const std::string& name, const std::string& path, const s
          "\",\"Version\":\"1.0.0.1\"}";
 }
 
+constexpr auto ModuleSignature = tessmar::testing::SignedInstallation::ModuleSignature;
+
 class InstallPathTest : public ::testing::Test {
  protected:
-  static std::string SignatureText(const std::string& path) {
-    return MakeBase64Encode(makeClientSig("morrowhost", "pelmora", path));
-  }
   tessmar::testing::TempHome home_;
   const std::string library_ =
       home_.WriteHomeFile("lib/libreader.so", std::string("module\0bytes", 12));
-  const std::string other_ = home_.WriteHomeFile("lib/libother.so", "other");
-  const std::string sig_ = SignatureText(library_);
+  const std::string sig_ = ModuleSignature(library_);
+  const std::string other_sig_ = ModuleSignature(home_.WriteHomeFile("lib/libother.so", "other"));
 };
 
 TEST_F(InstallPathTest, VerifiedLookupBlocksUnsignedOrMismatchedModules) {
@@ -37,8 +35,7 @@ TEST_F(InstallPathTest, VerifiedLookupBlocksUnsignedOrMismatchedModules) {
   const std::tuple<const char*, std::string, std::string, std::string> cases[] = {
       {"valid signature", ModuleJson("reader", library_, sig_), library_, library_},
       {"no Sig member", "{\"Name\":\"reader\",\"Path\":\"" + library_ + "\"}", library_, kBlocked},
-      {"signature of another file", ModuleJson("reader", library_, SignatureText(other_)),
-       library_, kBlocked},
+      {"signature of another file", ModuleJson("reader", library_, other_sig_), library_, kBlocked},
       {"library file missing", ModuleJson("reader", missing, sig_), missing, kBlocked},
       {"empty Name", ModuleJson("", library_, sig_), "", ""},
       {"empty Path", ModuleJson("reader", "", sig_), "", ""},
@@ -57,7 +54,7 @@ TEST_F(InstallPathTest, ClientPathPrefersTheMorrowhostModuleBlockIncluded) {
   const std::pair<std::string, std::string> cases[] = {
       {"", "/opt/client"},  // no morrowhost.json
       {ModuleJson("morrowhost", library_, sig_), library_},
-      {ModuleJson("morrowhost", library_, SignatureText(other_)), kBlocked},
+      {ModuleJson("morrowhost", library_, other_sig_), kBlocked},
       // A module file without a usable path falls through to config.json.
       {ModuleJson("morrowhost", "", ""), "/opt/client"}};
   for (const auto& [module_file, expected] : cases) {

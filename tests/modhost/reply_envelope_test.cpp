@@ -8,20 +8,19 @@
 
 namespace {
 
-std::string Expected(const char* id, const char* tabid, const char* status,
-                     const char* reply, const char* callback) {
-  return std::string(R"({"response": {"id": ")") + id + R"(", "tabid":")" +
-         tabid + R"(", "status":")" + status + R"(", "reply":)" + reply +
-         R"(, "callback": ")" + callback + R"("}})";
+std::string Expected(const char* id, const char* tabid, const char* status, const char* reply,
+                     const char* callback) {
+  return std::string(R"({"response": {"id": ")") + id + R"(", "tabid":")" + tabid +
+         R"(", "status":")" + status + R"(", "reply":)" + reply + R"(, "callback": ")" +
+         callback + R"("}})";
 }
 
 TEST(ReplyEnvelope, StatusCodesMapToTheirWordsAndEverythingElseToFalse) {
-  const char* const words[] = {"TRUE", "FALSE", "CANCEL", "FALSE",
-                               "BLOCK:QX", "BLOCK:CLIENT", "FALSE"};
+  const char* const words[] = {"TRUE", "FALSE", "CANCEL", "FALSE", "BLOCK:QX", "BLOCK:CLIENT"};
   for (int code = -1; code <= 6; ++code) {
-    SCOPED_TRACE(code);
     EXPECT_EQ(BuildReplyEnvelope("1", "", code, "{}", ""),
-              Expected("1", "", code < 0 ? "FALSE" : words[code], "{}", ""));
+              Expected("1", "", code < 0 || code > 5 ? "FALSE" : words[code], "{}", ""))
+        << code;
   }
 }
 

@@ -1,10 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian package on this machine, drives the installed library
-# in-process and through the installed host against a module signed with the
-# installed tessmar-sign, purges the package and checks that nothing it
-# created is left; lintian must report no error. Needs root (CI runs as
-# root); anyone else gets a skip message and exit status 0.
-#   package_test.sh DEB
+# package_test.sh DEB: installs the package, drives the installed library and
+# host with a module signed by the installed tessmar-sign, purges it and checks
+# nothing is left; lintian must report no error. Skipped unless run as root.
 set -uo pipefail
 deb=$1
 if [ "$(id -u)" -ne 0 ]; then
@@ -31,8 +28,7 @@ check "dpkg -i" dpkg -i "$deb"
 files=$(dpkg -L tessmar)
 install_dir=$(dirname "$(grep '/libTessmarFirefox.so$' <<<"$files")")
 system_config="/usr/share/Pelmora/Tessmar/morrowhost/config.json"
-check "config.json names the installation" \
-  contains "$(cat "$system_config" 2>&1)" "\"Tessmar\": \"$install_dir\""
+check "config.json names the installation" contains "$(cat "$system_config" 2>&1)" "\"Tessmar\": \"$install_dir\""
 check "the installation is signed" tessmar-sign --system verify-install
 
 home=$(mktemp -d)
@@ -40,8 +36,7 @@ module="$install_dir/modules/libtessmar_echo_module.so"
 check "sign the example module" env HOME="$home" tessmar-sign module echo "$module" --version 1.0.0.1
 request='{"cmd":"native","id":"1","tabid":"t","callback":"c","module":"echo","origin":"https://a.example"}'
 for mode in "" --host; do
-  out=$(HOME="$home" tessmar-drive $mode \
-    '{"init":"get_versions","m":"echo"}' "$request" 2>&1)
+  out=$(HOME="$home" tessmar-drive $mode '{"init":"get_versions","m":"echo"}' "$request" 2>&1)
   check "versions ${mode:-in-process}: $out" contains "$out" '"qx":"1.0.0.0","m":[{"name":"echo","version":"1.0.0.1"}]'
   check "module ${mode:-in-process}: $out" contains "$out" '"status":"TRUE", "reply":{"module":"echo"'
 done

@@ -88,9 +88,8 @@ class SignToolTest : public ::testing::Test {
 };
 
 TEST_F(SignToolTest, UsageErrorsHelpAndVersion) {
-  const Result help = RunTool({"module", "--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("verify-install"), std::string::npos);
+  ExpectExit({"module", "--help"}, 0);
+  EXPECT_NE(RunTool({"module", "--help"}).out.find("verify-install"), std::string::npos);
   // Before a command --version is the tool's; after "module" it is the module's.
   EXPECT_EQ(RunTool({"--version"}).out, "tessmar-sign " TESSMAR_TEST_VERSION "\n");
   EXPECT_EQ(RunTool({}).status, 2);
@@ -137,9 +136,8 @@ TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
 
   // --config-dir leaves HOME's file alone.
   const std::string before = ReadFile(home_.ConfigDir() + "/demo.json");
-  const std::string staging = home_.path() + "/staging/conf";
-  ExpectExit({"module", "other", file, "--config-dir", staging}, 0);
-  const Json staged = ParseFile(staging + "/other.json");
+  ExpectExit({"module", "other", file, "--config-dir", home_.path() + "/staging/conf"}, 0);
+  const Json staged = ParseFile(home_.path() + "/staging/conf/other.json");
   ASSERT_NE(staged, nullptr);
   EXPECT_TRUE(CheckQXClientModuleSignature(file.c_str(), Str((*staged)["Sig"]).c_str()));
   EXPECT_EQ(ReadFile(home_.ConfigDir() + "/demo.json"), before);
@@ -163,9 +161,7 @@ TEST_F(SignToolTest, UpdatingModuleFileKeepsOtherMembersAndMode) {
   const Json after = ParseFile(config);
   ASSERT_NE(after, nullptr);
   Args names;
-  for (unsigned i = 0; i < after->u.object.length; ++i) {
-    names.emplace_back(after->u.object.values[i].name, after->u.object.values[i].name_length);
-  }
+  for (const auto& member : after->u.object) names.emplace_back(member.name, member.name_length);
   EXPECT_EQ(names, (Args{"Comment", "Sig", "Nested", "Version", "Sig", "Big", "Name", "Path"}));
   EXPECT_EQ(Str((*after)["Comment"]),
             std::string("q \" b \\ t \t nul \0 \xc3\xa9\xf0\x9f\x98\x80 /", 26));
