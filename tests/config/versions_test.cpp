@@ -14,8 +14,8 @@ namespace {
 using tessmar::testing::TempHome;
 
 // A module file whose members hold the given JSON value texts, in order.
-std::string ModuleJson(const std::string& name, const std::string& path,
-                       const std::string& sig, const std::string& version) {
+std::string ModuleJson(const std::string& name, const std::string& path, const std::string& sig,
+                       const std::string& version) {
   return "{\"Name\":" + name + ",\"Path\":" + path + ",\"Sig\":" + sig + ",\"Version\":" +
          version + "}";
 }
@@ -41,9 +41,8 @@ TEST(ClientVersions, ListsEveryNonEmptyTokenInOrderTokenizingInPlace) {
       // Names are copied unescaped and untrimmed.
       {"x\"y, a", R"([{"name":"x"y","version":""},{"name":" a","version":""}])"}};
   for (const auto& [list, expected] : cases) {
-    std::vector<char> buffer(list.begin(), list.end());
-    buffer.push_back('\0');
-    EXPECT_EQ(GetClientVersions(buffer.data()), expected) << list;
+    std::string buffer = list;  // tokenized in place
+    EXPECT_EQ(GetClientVersions(&buffer[0]), expected) << list;
   }
   char list[] = "a,b,c";
   GetClientVersions(list);

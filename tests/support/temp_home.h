@@ -24,10 +24,8 @@ inline std::string ReadFile(const std::string& path) {
 }
 
 inline void MakeDirectories(const std::string& path) {
-  for (std::size_t pos = 1; pos != std::string::npos;) {
-    pos = path.find('/', pos + 1);
-    mkdir(path.substr(0, pos).c_str(), 0755);
-  }
+  std::error_code ignored;
+  std::filesystem::create_directories(path, ignored);
 }
 
 // Points HOME at a fresh directory under TMPDIR; restores HOME and removes

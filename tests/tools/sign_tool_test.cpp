@@ -52,7 +52,7 @@ class SignToolTest : public ::testing::Test {
  protected:
   // Runs the tool in `cwd`; one that hangs is killed after a minute.
   Result RunTool(const Args& args, const std::string& cwd = ".") {
-    const std::string out = scratch_.path() + "/out", err = scratch_.path() + "/err";
+    const std::string out = home_.path() + "/out", err = home_.path() + "/err";
     std::string command = "cd " + Quote(cwd) + " && exec timeout -s KILL 60 " +
                           Quote(TESSMAR_SIGN_TOOL);
     for (const std::string& arg : args) command += " " + Quote(arg);
@@ -83,8 +83,7 @@ class SignToolTest : public ::testing::Test {
     return home_.path() + "/" + relative;
   }
 
-  TempHome scratch_;  // holds the tool's output; HOME is then replaced
-  TempHome home_;
+  TempHome home_;  // also holds the tool's output
 };
 
 TEST_F(SignToolTest, UsageErrorsHelpAndVersion) {
@@ -186,8 +185,6 @@ TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJsonOrTheDirectory) {
   ExpectExit({"verify-install"}, 0);
   Tamper(install + "/libTessmarFirefox.so");
   ExpectExit({"verify-install"}, 1, "does not match");
-  ExpectExit({"install"}, 0);  // replaces the old "Sig"
-  EXPECT_TRUE(CheckModuleSignature());
 
   const std::string dir = MakeInstallation("stage");
   ExpectExit({"install", "--dir", dir}, 0);
