@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(ParseOrigin, SplitsSchemeHostAndPortQuirksIncluded) {
+TEST(ParseOrigin, SplitsSchemeHostAndPortQuirksIncludedAndGetCSIDJoinsTheLastTwo) {
   // Origin, then scheme|host|port. The scheme is compared ignoring case; other
   // schemes get port 0.
   const char* const cases[][2] = {
@@ -23,13 +23,8 @@ TEST(ParseOrigin, SplitsSchemeHostAndPortQuirksIncluded) {
     std::string scheme = "old", host = "old", port = "old";
     ParseOrigin(c[0], scheme, host, port);
     EXPECT_EQ(scheme + "|" + host + "|" + port, c[1]) << c[0];
+    EXPECT_EQ(GetCSID(c[0]), host + ":" + port) << c[0];
   }
-}
-
-TEST(GetCSID, JoinsHostAndPort) {
-  EXPECT_EQ(GetCSID("http://page.example:8080"), "page.example:8080");
-  EXPECT_EQ(GetCSID("https://h"), "h:443");
-  EXPECT_EQ(GetCSID("abc"), ":");
 }
 
 }  // namespace

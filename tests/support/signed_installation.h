@@ -38,9 +38,7 @@ class SignedInstallation {
     WriteConfigJson(MakeBase64Encode(makeSig("morrowhost", "pelmora", "", header)));
   }
 
-  void Tamper() const {
-    WriteFile(install_dir_ + "/libTessmarFirefox.so", "changed after signing");
-  }
+  void Tamper() const { WriteFile(install_dir_ + "/libTessmarFirefox.so", "changed"); }
 
   static std::string ModuleSignature(const std::string& path) {
     return MakeBase64Encode(makeClientSig("morrowhost", "pelmora", path));

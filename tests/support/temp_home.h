@@ -58,9 +58,7 @@ class TempHome {
 
   // Writes a file into the user configuration directory; returns its path.
   std::string WriteConfig(const std::string& name, const std::string& text) const {
-    const std::string path = ConfigDir() + "/" + name;
-    WriteFile(path, text);
-    return path;
+    return WriteHomeFile(".config/Pelmora/Tessmar/morrowhost/" + name, text);
   }
 
   // Writes a file anywhere below HOME (directories created); returns its path.
