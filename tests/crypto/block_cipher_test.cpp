@@ -34,7 +34,7 @@ const Bytes kKey256 = FromHex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72
 const Bytes kIv = FromHex("000102030405060708090a0b0c0d0e0f");
 const Bytes kCounter = FromHex("f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff");
 
-struct Spec {
+struct CipherSetup {
   uint32_t algorithm;
   uint8_t mode;
   uint8_t no_padding;
@@ -42,7 +42,7 @@ struct Spec {
   Bytes iv;  // empty: null IV
   int direction;
 };
-Spec Aes128(uint8_t mode, int direction, uint8_t no_padding = 1, Bytes iv = kIv) {
+CipherSetup Aes128(uint8_t mode, int direction, uint8_t no_padding = 1, Bytes iv = kIv) {
   return {BC_ALG_AES128, mode, no_padding, kKey128, iv, direction};
 }
 
@@ -51,7 +51,7 @@ struct CtxDeleter {
 };
 using CtxPtr = std::unique_ptr<BLOCK_CIPHER_CTX, CtxDeleter>;
 
-CtxPtr Keyed(const Spec& s) {
+CtxPtr Keyed(const CipherSetup& s) {
   CtxPtr ctx(new_BLOCK_CIPHER_CTX());
   EXPECT_EQ(BC_OK, init_BlockCipher(ctx.get(), s.algorithm, s.mode, s.no_padding, s.key.data(),
                                     s.iv.empty() ? nullptr : s.iv.data(), s.direction));
@@ -78,7 +78,7 @@ struct Result {
 };
 
 // init, one update per chunk, final; stops at the first failure.
-Result Transform(const Spec& s, const Bytes& in, const Chunks& chunks) {
+Result Transform(const CipherSetup& s, const Bytes& in, const Chunks& chunks) {
   CtxPtr ctx = Keyed(s);
   Result r;
   size_t at = 0;
@@ -121,11 +121,11 @@ TEST_P(BlockCipher, PublishedVectorsWholeAndBlockwiseBothDirections) {
   for (const auto& v : kVectors) {
     for (int k = 0; k < 2; ++k) {
       SCOPED_TRACE(testing::Message() << "mode " << int{v.mode} << " AES-" << 128 + 128 * k);
-      const Spec s = {k ? BC_ALG_AES256 : BC_ALG_AES128, v.mode, 1, k ? kKey256 : kKey128,
+      const CipherSetup s = {k ? BC_ALG_AES256 : BC_ALG_AES128, v.mode, 1, k ? kKey256 : kKey128,
                        v.mode == BC_MODE_ECB ? Bytes() : v.mode == BC_MODE_CTR ? kCounter : kIv, 1};
       const Bytes cipher = FromHex(v.cipher[k]);
       for (const Chunks& chunks : {Chunks{64}, Chunks{16, 16, 16, 16}}) {
-        Spec d = s;
+        CipherSetup d = s;
         d.direction = 0;
         const Result enc = Transform(s, kPlain, chunks), dec = Transform(d, cipher, chunks);
         EXPECT_EQ(BC_OK, enc.status);
