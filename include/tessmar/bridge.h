@@ -7,7 +7,8 @@
  *   - failures carry no message: NULL from tsmx_Invoke, 1 from tsmx_Startup.
  *
  * The extension calls tsmx_Startup once, then tsmx_Invoke one request at a
- * time from one thread, polls tsmx_Pop for asynchronous callbacks, and calls
+ * time from one thread, takes asynchronous callbacks with tsmx_Pop (waiting
+ * for them on tsmx_CallbackDescriptor rather than polling), and calls
  * tsmx_End once. Without tsmx_Startup requests are answered in-process.
  */
 #ifndef TESSMAR_BRIDGE_H
@@ -40,6 +41,13 @@ TSMX_API char* tsmx_Invoke(const char* request);
 /* The oldest queued callback message, or "" when none is queued; never
  * NULL. Release it with tsmx_Free. */
 TSMX_API char* tsmx_Pop(void);
+
+/* A descriptor that is readable exactly while tsmx_Pop has a callback to
+ * give, for poll(2), select(2) or epoll beside the extension's own input; -1
+ * when none could be made. The same descriptor on every call, owned by the
+ * library: never read, write or close it. Waiting on it instead of polling
+ * tsmx_Pop costs no wake-ups while nothing is queued. */
+TSMX_API int tsmx_CallbackDescriptor(void);
 
 /* Releases a text returned by tsmx_Invoke or tsmx_Pop; NULL is ignored. */
 TSMX_API void tsmx_Free(char* text);

@@ -1,7 +1,16 @@
 // tessmar-nm-host as the browser runs it: framed messages on its standard
 // input, framed messages back on its standard output.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
+#include <thread>
 
 #include "bridge_host/host_fixture.h"
 #include "config/json_document.h"
@@ -22,8 +31,10 @@ std::string Request(int seq, const std::string& request) {
 }
 
 struct Session : ProgramResult {
-  std::vector<std::string> messages;  // `out`, unframed
+  std::vector<std::string> messages;  // `out`, unframed, after the mode
 };
+
+constexpr char kInProcess[] = R"({"mode":"in-process"})";
 
 // Runs the adapter on `input`. With `linger` its input stays open, as a
 // browser's does, until a callback is out (at most 5 s).
@@ -43,8 +54,121 @@ Session RunAdapter(std::vector<std::string> args, const std::string& input,
     std::memcpy(&length, session.out.data() + at, 4);
     session.messages.push_back(session.out.substr(at + 4, length));
   }
+  const bool host = std::find(args.begin(), args.end(), "--host") != args.end();
+  if (!session.messages.empty() &&
+      session.messages.front() == (host ? R"({"mode":"host"})" : kInProcess)) {
+    session.messages.erase(session.messages.begin());
+  } else {
+    ADD_FAILURE() << "the session does not start with its mode";
+  }
   return session;
 }
+
+// The adapter as a browser keeps it: running, its pipes open, while the
+// test writes messages, reads answers and watches the process.
+class LiveAdapter {
+ public:
+  explicit LiveAdapter(std::vector<std::string> args) {
+    args.insert(args.begin(), kNmHost);
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      std::vector<char*> argv;
+      for (std::string& arg : args) argv.push_back(&arg[0]);
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    in_ = in[1];
+    out_ = out[0];
+  }
+  ~LiveAdapter() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      Wait();
+    }
+  }
+
+  // Writes from a thread of its own: the adapter may be slow to read.
+  std::thread WriteInBackground(std::string bytes) {
+    return std::thread([fd = in_, bytes = std::move(bytes)] {
+      WriteAll(fd, bytes);
+    });
+  }
+  void Write(const std::string& bytes) { WriteAll(in_, bytes); }
+
+  // The next message, or "<none>" when none comes within `timeout`.
+  std::string Read(milliseconds timeout = milliseconds(10000)) {
+    std::uint32_t length = 0;
+    if (!ReadExactly(reinterpret_cast<char*>(&length), 4, timeout)) return "<none>";
+    std::string body(length, '\0');
+    if (!ReadExactly(&body[0], length, timeout)) return "<none>";
+    return body;
+  }
+
+  // Context switches of all its threads so far: every wake-up is one.
+  long ContextSwitches() const {
+    long total = 0;
+    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
+    DIR* dir = opendir(tasks.c_str());
+    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+      if (entry->d_name[0] == '.') continue;
+      std::ifstream status(tasks + "/" + entry->d_name + "/status");
+      for (std::string line; std::getline(status, line);) {
+        if (line.find("ctxt_switches:") != std::string::npos) {
+          total += std::stol(line.substr(line.find(':') + 1));
+        }
+      }
+    }
+    if (dir != nullptr) closedir(dir);
+    return total;
+  }
+
+  // Closes its input and waits for the exit; the peak resident size in KiB.
+  long CloseAndWait() {
+    close(in_);
+    in_ = -1;
+    return Wait();
+  }
+
+ private:
+  static void WriteAll(int fd, const std::string& bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+      const ssize_t n = write(fd, bytes.data() + at, bytes.size() - at);
+      if (n <= 0) return;
+      at += static_cast<std::size_t>(n);
+    }
+  }
+  bool ReadExactly(char* buffer, std::size_t size, milliseconds timeout) {
+    while (size > 0) {
+      pollfd wait{out_, POLLIN, 0};
+      if (poll(&wait, 1, static_cast<int>(timeout.count())) != 1) return false;
+      const ssize_t n = read(out_, buffer, size);
+      if (n <= 0) return false;
+      buffer += n;
+      size -= static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+  long Wait() {
+    int status;
+    rusage usage{};
+    wait4(pid_, &status, 0, &usage);
+    pid_ = -1;
+    exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return usage.ru_maxrss;
+  }
+
+  pid_t pid_ = -1;
+  int in_ = -1;
+  int out_ = -1;
+  int exit_code_ = -1;
+};
 
 // A string member of a message, decoded ("" when absent).
 std::string Text(const std::string& message, const char* name) {
@@ -120,20 +244,24 @@ TEST(NmHostTest, KeepsEveryMessageWithinTheProtocolsLimits) {
           Request(1, letters(kMiB - overhead + 1)) +
           // A callback too large is dropped; the next one still arrives.
           Request(2, ModuleRequest("2", ",\"callbackBytes\":" + std::to_string(kMiB))) +
-          // A message over the input limit is skipped whole and answered.
+          // A message over the input limit is read away and answered,
+          // under its "seq" when its first bytes carry one.
           Frame(std::string(nm::kMaxIncoming + 1, ' ')) +
+          Request(9, std::string(nm::kMaxIncoming, '[')) +
           Request(3, R"({"init":"x"})") +
           // Input that ends inside a message ends the adapter cleanly.
           Request(4, "{}").substr(0, 10));
   EXPECT_EQ(0, session.exit_code);
-  ASSERT_EQ(6u, session.messages.size());
+  ASSERT_EQ(7u, session.messages.size());
   EXPECT_EQ(kMiB, session.messages[0].size());
   EXPECT_EQ(R"({"seq":1,"error":"reply too large"})", session.messages[1]);
   EXPECT_EQ(Envelope("2", "{}"), Text(session.messages[2], "reply"));
   EXPECT_EQ(0u, Text(session.messages[3], "callback")
                     .find(R"({"response":{"id":"setcallback", "tabid":"t1", "callback":"after")"));
-  EXPECT_EQ(0u, session.messages[4].find(R"({"error":"message too large ()"));
-  EXPECT_EQ(R"({"seq":3,"reply":""})", session.messages[5]);
+  EXPECT_EQ(R"x({"error":"request too large (4194305 bytes, at most 4194304)"})x",
+            session.messages[4]);
+  EXPECT_EQ(0u, session.messages[5].find(R"({"seq":9,"error":"request too large (4194)"));
+  EXPECT_EQ(R"({"seq":3,"reply":""})", session.messages[6]);
   EXPECT_NE(std::string::npos, session.err.find("dropped: too large")) << session.err;
   EXPECT_NE(std::string::npos, session.err.find("input ended inside a message"))
       << session.err;
@@ -162,6 +290,58 @@ TEST(NmHostTest, CarriesCallbacksThroughTheHost) {
   EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_End removed the FIFOs";
 }
 
+// Nothing a page sends makes the adapter big: an oversized message is read
+// away in chunks, and input waits in the browser's pipe while a request is
+// served, however much of it comes.
+TEST(NmHostTest, StaysSmallWhateverPagesSend) {
+  Sandbox sandbox;
+  LiveAdapter adapter({"--library", kLibrary});
+  ASSERT_EQ(kInProcess, adapter.Read());
+  // Empty arrays are what costs the parser most per byte of text.
+  const auto arrays = [](std::size_t bytes) {
+    std::string request = ModuleRequest("1", ",\"pad\":[");
+    while (request.size() + 3 + 4 < bytes) request += "[],";
+    return request + "[]]}";
+  };
+  const std::string largest = Request(1, arrays(nm::kMaxIncoming - 64));
+  ASSERT_LE(largest.size() - 4, nm::kMaxIncoming);
+  std::string input = Request(1, ModuleRequest("1", R"(,"sleepMs":200)")) +
+                      Request(2, arrays(63 * kMiB));
+  for (int i = 0; i < 8; ++i) input += largest;
+  std::thread writer = adapter.WriteInBackground(std::move(input));
+  EXPECT_EQ(Envelope("1", "{}"), Text(adapter.Read(), "reply"));
+  EXPECT_EQ(0u, adapter.Read().find("{\"seq\":2,\"error\":\"request too large ("));
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(0u, adapter.Read().find("{\"seq\":1,\"reply\":"));
+  writer.join();
+  EXPECT_LT(adapter.CloseAndWait(), 128 * 1024) << "KiB at the peak";
+}
+
+// A module's output goes to stderr, or nowhere, even when the browser
+// starts the adapter with its error stream closed.
+TEST(NmHostTest, KeepsModuleOutputOffTheProtocolStream) {
+  Sandbox sandbox;
+  const ProgramResult result =
+      RunProgram({"sh", "-c", "exec \"$0\" \"$@\" 2>&-", kNmHost, "--library", kLibrary},
+                 Request(1, ModuleRequest("3", R"(,"print":true)")));
+  EXPECT_EQ(Frame(kInProcess) + Frame(nm::ReplyMessage(1, Envelope("3", "{}").c_str())),
+            result.out);
+}
+
+// The adapter sleeps in poll() while nothing happens, and a callback queued
+// by a module's own thread wakes it at once.
+TEST(NmHostTest, SleepsWhileIdleAndWakesForCallbacks) {
+  Sandbox sandbox;
+  LiveAdapter adapter({"--library", kLibrary});
+  ASSERT_EQ(kInProcess, adapter.Read());
+  adapter.Write(Request(1, R"({"cmd":"setcallback","id":"9","tabid":"t","callback":"cb","module":"echo"})"));
+  EXPECT_EQ(0u, Text(adapter.Read(), "reply").find(R"({"response": {"id": "9")"));
+  EXPECT_EQ(0u, Text(adapter.Read(), "callback").find(R"({"response":{"id":"setcallback")"));
+  const long before = adapter.ContextSwitches();
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  EXPECT_LE(adapter.ContextSwitches() - before, 2) << "wake-ups in a second of idleness";
+  EXPECT_EQ(0, [&] { adapter.CloseAndWait(); return 0; }());
+}
+
 // Loading and host checks are shared with tessmar-drive and tested there.
 TEST(NmHostTest, FindsTheLibraryOfTheInstallation) {
   TempHome home;
@@ -172,7 +352,8 @@ TEST(NmHostTest, FindsTheLibraryOfTheInstallation) {
   const ProgramResult result =
       RunProgram({kNmHost}, Request(1, R"({"init":"get_version"})"));
   EXPECT_EQ(0, result.exit_code) << result.err;
-  EXPECT_EQ(Frame(R"({"seq":1,"reply":"\"version: \""})"), result.out);
+  EXPECT_EQ(Frame(kInProcess) + Frame(R"({"seq":1,"reply":"\"version: \""})"),
+            result.out);
 }
 
 TEST(NmHostTest, InstallsManifestsForTheBrowsers) {

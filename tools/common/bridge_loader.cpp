@@ -72,6 +72,8 @@ bool LoadBridge(const char* program, const std::string& path, Bridge& bridge) {
          Resolve(program, library, "tsmx_Invoke", bridge.Invoke) &&
          Resolve(program, library, "tsmx_Pop", bridge.Pop) &&
          Resolve(program, library, "tsmx_Free", bridge.Free) &&
+         Resolve(program, library, "tsmx_CallbackDescriptor",
+                 bridge.CallbackDescriptor) &&
          Resolve(program, library, kInstallPathSymbol, bridge.InstallPath) &&
          Resolve(program, library, kUnloadSymbol, bridge.Unload);
 }

@@ -15,6 +15,7 @@ struct Bridge {
   char* (*Invoke)(const char*) = nullptr;
   char* (*Pop)(void) = nullptr;
   void (*Free)(char*) = nullptr;
+  int (*CallbackDescriptor)(void) = nullptr;
   std::string (*InstallPath)() = nullptr;  // GetTessmarInstallPath()
   void (*Unload)() = nullptr;               // UnloadQxClient()
 };

@@ -107,6 +107,32 @@ Incoming ParseIncoming(const char* body, std::size_t length) {
   return in;
 }
 
+SeqPrefix ReadSeqPrefix(const char* body, std::size_t length) {
+  static constexpr char kOpening[] = "{\"seq\":";
+  constexpr std::size_t kOpeningLength = sizeof kOpening - 1;
+  constexpr std::size_t kMaxDigits = 18;  // below INT64_MAX
+  SeqPrefix prefix;
+  if (length < kOpeningLength || std::memcmp(body, kOpening, kOpeningLength) != 0) {
+    return prefix;
+  }
+  std::int64_t seq = 0;
+  std::size_t at = kOpeningLength;
+  for (; at < length && at - kOpeningLength < kMaxDigits; ++at) {
+    if (body[at] < '0' || body[at] > '9') break;
+    seq = seq * 10 + (body[at] - '0');
+  }
+  if (at == kOpeningLength || at == length || (body[at] != ',' && body[at] != '}')) {
+    return prefix;
+  }
+  prefix.found = true;
+  prefix.seq = seq;
+  return prefix;
+}
+
+std::string ModeMessage(bool host) {
+  return host ? "{\"mode\":\"host\"}" : "{\"mode\":\"in-process\"}";
+}
+
 std::string ReplyMessage(std::int64_t seq, const char* reply) {
   return "{\"seq\":" + std::to_string(seq) + ",\"reply\":" +
          (reply != nullptr ? Quote(reply) : std::string("null")) + "}";

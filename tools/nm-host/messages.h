@@ -5,7 +5,8 @@
 // framing, the same as the bridge's FIFOs):
 //
 //   extension -> host   {"seq": N, "request": "<request text>"}
-//   host -> extension   {"seq": N, "reply": "<reply text>"}  (null: no reply)
+//   host -> extension   {"mode": "in-process"} or {"mode": "host"}  (first)
+//                       {"seq": N, "reply": "<reply text>"}  (null: no reply)
 //                       {"seq": N, "error": "<reason>"}
 //                       {"error": "<reason>"}      (a message without a seq)
 //                       {"callback": "<callback text>"}
@@ -23,9 +24,11 @@ namespace tessmar::nm {
 
 // The browsers accept at most 1 MiB in one message from a native host.
 inline constexpr std::size_t kMaxOutgoing = 1024 * 1024;
-// The largest message from the extension that is read; a larger one is
-// skipped and answered with an error.
-inline constexpr std::size_t kMaxIncoming = 64 * 1024 * 1024;
+// The largest message from the extension that is served; a larger one is
+// read away and answered with an error. Replies are capped at 1 MiB, so no
+// real request comes near this; parsing one this size (up to about 19
+// times its text for nested arrays) keeps the adapter under 128 MiB.
+inline constexpr std::size_t kMaxIncoming = 4 * 1024 * 1024;
 
 // `text` as a JSON string literal, quotes included. Control characters,
 // '"' and '\\' are escaped; a byte that does not start a well-formed UTF-8
@@ -43,6 +46,17 @@ struct Incoming {
 // Parses one message body (json-parser, default settings).
 Incoming ParseIncoming(const char* body, std::size_t length);
 
+// The "seq" of a message from its first bytes alone, as the extension writes
+// it: {"seq":N, ... Used for messages too large to be parsed.
+struct SeqPrefix {
+  bool found = false;
+  std::int64_t seq = 0;
+};
+SeqPrefix ReadSeqPrefix(const char* body, std::size_t length);
+
+// {"mode":"host"} or {"mode":"in-process"}: the first message of a session,
+// so that the extension knows whether it may start one adapter per module.
+std::string ModeMessage(bool host);
 // {"seq":N,"reply":"..."}, or "reply":null when `reply` is null.
 std::string ReplyMessage(std::int64_t seq, const char* reply);
 // {"seq":N,"error":"..."}, without "seq" when there is none.
