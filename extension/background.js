@@ -1,117 +1,193 @@
-// Background script: one native-messaging port to the Tessmar host, shared by
-// every tab. Content scripts send page requests here; this script writes the
-// sender's tab and real origin into each request, forwards it, and hands the
-// reply back. Callbacks from the host go only to the frame whose "tabid" they
-// carry.
+// Background script: carries page requests to the native-messaging adapter
+// and its callbacks back to the one document that registered them.
+//
+// In-process, each module gets an adapter process (a native port) of its
+// own, and requests that name no module one more, so that a slow or
+// crashing module holds up or fails only the requests waiting for it. In
+// host mode one adapter serves everything: the host's FIFOs are per user.
+// The adapter's first message says which mode it runs in.
 //
 // Runs as a service worker in Chromium and as an event page in Firefox.
 'use strict';
 
+if (typeof importScripts === 'function') importScripts('routing.js');
+
 const api = globalThis.browser ?? globalThis.chrome;
 const HOST_NAME = 'zz.qx.pelmora.morrowhost';
+const R = globalThis.TessmarRouting;
 
-let port = null;
+let mode = null;                 // 'in-process' or 'host', once told
+const waitingForMode = [];       // [call, object] sent before that
+const ports = new Map();         // port key -> {port, pending, lastUse, registered}
+const inFlight = new Map();      // tabid -> requests waiting for an answer
+// tabid -> callback name -> {doc, origin}: the document that registered it.
+const owners = new Map();
 let nextSeq = 1;
-const pending = new Map();  // seq -> sendResponse
 
-// "tabid" names the sender: the tab id for a top-level document, "tab/frame"
-// for a sub-frame, so that a frame embedded in a page never receives the
-// callbacks of the page around it, nor the page those of the frame.
-function tabidOf(sender) {
-  return sender.frameId ? `${sender.tab.id}/${sender.frameId}` : `${sender.tab.id}`;
+function answer(call, response) {
+  const left = (inFlight.get(call.tabid) ?? 1) - 1;
+  if (left > 0) inFlight.set(call.tabid, left);
+  else inFlight.delete(call.tabid);
+  call.sendResponse(response);
 }
 
-function frameOf(tabid) {
-  const match = /^(\d+)(?:\/(\d+))?$/.exec(tabid);
-  if (!match) return null;
-  return { tabId: Number(match[1]), frameId: match[2] ? Number(match[2]) : 0 };
-}
+// --- Callbacks ----------------------------------------------------------------
 
-// The origin of the frame that sent the message, as the browser knows it.
-function originOf(sender) {
-  if (typeof sender.origin === 'string') return sender.origin;
-  try {
-    return new URL(sender.url).origin;
-  } catch {
-    return 'null';
+// Records who registers a callback name in a frame. A later document of the
+// same origin takes a name over (modules cannot tell the two apart either);
+// one of another origin must choose another name.
+function register(call, object) {
+  if (object.cmd !== 'setcallback' || typeof object.callback !== 'string') return null;
+  let names = owners.get(call.tabid);
+  if (!names) owners.set(call.tabid, (names = new Map()));
+  const owner = names.get(object.callback);
+  if (owner && owner.doc !== call.doc && owner.origin !== call.origin) {
+    return `the callback "${object.callback}" belongs to an earlier document of this frame; choose another name`;
   }
+  if (!owner && names.size >= R.MAX_CALLBACKS_PER_FRAME) {
+    return `too many callbacks registered in this frame (at most ${R.MAX_CALLBACKS_PER_FRAME})`;
+  }
+  names.set(object.callback, { doc: call.doc, origin: call.origin });
+  return null;
 }
 
 function deliverCallback(text) {
-  let tabid;
-  try {
-    tabid = JSON.parse(text)?.response?.tabid;
-  } catch {
-    // Not JSON: nobody can be told who it is for.
-  }
-  const target = typeof tabid === 'string' ? frameOf(tabid) : null;
+  const route = R.callbackRoute(text);
+  const owner = route && owners.get(route.tabid)?.get(route.callback);
+  const target = owner && R.frameOf(route.tabid);
   if (!target) {
-    console.warn('tessmar: callback without a usable "tabid" dropped');
+    console.warn('tessmar: callback for no registered document dropped');
     return;
   }
+  // The content script drops it too unless it is still that document.
   api.tabs
-    .sendMessage(target.tabId, { kind: 'callback', text }, { frameId: target.frameId })
+    .sendMessage(target.tabId, { kind: 'callback', text, doc: owner.doc },
+                 { frameId: target.frameId })
     .catch(() => {});  // the tab or frame is gone
 }
 
-function onHostMessage(message) {
+api.tabs.onRemoved.addListener((tabId) => {
+  for (const tabid of owners.keys()) {
+    if (R.frameOf(tabid)?.tabId === tabId) owners.delete(tabid);
+  }
+});
+
+// --- Adapter processes ----------------------------------------------------------
+
+function portKey(object) {
+  if (mode !== 'in-process' || typeof object.module !== 'string' || object.module === '') {
+    return '';
+  }
+  return `module:${object.module}`;
+}
+
+function onHostMessage(slot, message) {
+  if (typeof message.mode === 'string') {
+    if (mode === null) {
+      mode = message.mode;
+      for (const [call, object] of waitingForMode.splice(0)) dispatch(call, object);
+    }
+    return;
+  }
   if (typeof message.callback === 'string') {
     deliverCallback(message.callback);
     return;
   }
-  const sendResponse = pending.get(message.seq);
-  if (!sendResponse) {
-    console.warn('tessmar: host message for no request', message);
+  const call = slot.pending.get(message.seq);
+  if (!call) {
+    console.warn('tessmar: adapter message for no request', message);
     return;
   }
-  pending.delete(message.seq);
-  if ('error' in message) sendResponse({ error: String(message.error) });
-  else sendResponse({ reply: message.reply });
+  slot.pending.delete(message.seq);
+  answer(call, 'error' in message ? { error: String(message.error) } : { reply: message.reply });
 }
 
-function connect() {
-  const p = api.runtime.connectNative(HOST_NAME);
-  p.onMessage.addListener(onHostMessage);
-  p.onDisconnect.addListener((gone) => {
-    const error = gone.error?.message ?? api.runtime.lastError?.message ??
-                  'the native host has exited';
-    if (port === p) port = null;
-    for (const sendResponse of pending.values()) sendResponse({ error });
-    pending.clear();
-  });
-  return p;
-}
-
-// Parses the page's request and overwrites what the page cannot vouch for.
-function prepare(request, sender) {
-  let object = request;
-  if (typeof request === 'string') {
-    try {
-      object = JSON.parse(request);
-    } catch {
-      return null;
+function openPort(key) {
+  const slot = { port: null, pending: new Map(), lastUse: 0, registered: false };
+  slot.port = api.runtime.connectNative(HOST_NAME);
+  slot.port.onMessage.addListener((message) => onHostMessage(slot, message));
+  slot.port.onDisconnect.addListener((gone) => {
+    const reason = gone.error?.message ?? api.runtime.lastError?.message ??
+                   'the native host has exited';
+    if (ports.get(key) === slot) ports.delete(key);
+    for (const call of slot.pending.values()) answer(call, { error: reason });
+    slot.pending.clear();
+    if (key === '' && mode === null) {
+      for (const [call] of waitingForMode.splice(0)) answer(call, { error: reason });
     }
-  }
-  if (object === null || typeof object !== 'object' || Array.isArray(object)) return null;
-  return JSON.stringify({ ...object, tabid: tabidOf(sender), origin: originOf(sender) });
+  });
+  ports.set(key, slot);
+  return slot;
 }
+
+// The port for `key`; at the limit of module ports the least recently used
+// idle one without registered callbacks is closed first. Null when all are
+// busy.
+function portFor(key) {
+  const existing = ports.get(key);
+  if (existing) return existing;
+  if (key !== '' && ports.size - (ports.has('') ? 1 : 0) >= R.MAX_MODULE_PORTS) {
+    let idle = null;
+    for (const [k, slot] of ports) {
+      if (k === '' || slot.pending.size > 0 || slot.registered) continue;
+      if (!idle || slot.lastUse < idle[1].lastUse) idle = [k, slot];
+    }
+    if (!idle) return null;
+    ports.delete(idle[0]);
+    idle[1].port.disconnect();
+  }
+  return openPort(key);
+}
+
+function dispatch(call, object) {
+  const slot = portFor(portKey(object));
+  if (!slot) {
+    answer(call, { error: `too many modules busy at once (at most ${R.MAX_MODULE_PORTS})` });
+    return;
+  }
+  slot.pending.set(call.seq, call);
+  slot.lastUse = call.seq;
+  if (object.cmd === 'setcallback') slot.registered = true;
+  try {
+    slot.port.postMessage({ seq: call.seq, request: call.request });
+  } catch (e) {
+    slot.pending.delete(call.seq);
+    answer(call, { error: String(e?.message ?? e) });
+  }
+}
+
+// --- Page requests --------------------------------------------------------------
 
 api.runtime.onMessage.addListener((message, sender, sendResponse) => {
-  if (message?.kind !== 'invoke' || !sender.tab) return false;
-  const request = prepare(message.request, sender);
-  if (request === null) {
-    sendResponse({ error: 'a request must be a JSON object' });
-    return false;
+  if (message?.kind !== 'invoke' || !sender.tab || typeof message.doc !== 'string') return false;
+  const tabid = R.tabidOf(sender);
+  const origin = R.originOf(sender);
+  const checked = R.checkRequest(message.request);
+  let error = checked.error;
+  const waiting = inFlight.get(tabid) ?? 0;
+  if (!error && waiting >= R.MAX_IN_FLIGHT_PER_FRAME) {
+    error = `too many requests waiting in this frame (at most ${R.MAX_IN_FLIGHT_PER_FRAME})`;
   }
   const seq = nextSeq++;
-  pending.set(seq, sendResponse);
-  try {
-    if (!port) port = connect();
-    port.postMessage({ seq, request });
-  } catch (e) {
-    pending.delete(seq);
-    sendResponse({ error: String(e?.message ?? e) });
+  const request = error ? '' : R.requestText(checked.object, tabid, origin);
+  if (!error) {
+    const bytes = R.messageBytes(seq, request);
+    if (bytes > R.MAX_MESSAGE_BYTES) {
+      error = `request too large (${bytes} bytes, at most ${R.MAX_MESSAGE_BYTES})`;
+    }
+  }
+  const call = { seq, request, tabid, origin, doc: message.doc, sendResponse };
+  if (!error) error = register(call, checked.object);
+  if (error) {
+    sendResponse({ error });
     return false;
+  }
+  inFlight.set(tabid, waiting + 1);
+  if (mode === null) {
+    if (!ports.has('')) openPort('');
+    waitingForMode.push([call, checked.object]);
+  } else {
+    dispatch(call, checked.object);
   }
   return true;  // answered later
 });

@@ -21,11 +21,12 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
     -DTESSMAR_WERROR="$werror" >/dev/null
 fi
 cmake --build "$build" -j "$(nproc)" --target TessmarFirefox \
-  tessmar_reference_host tessmar-nm-host tessmar-sign tessmar_echo_module
+  tessmar_reference_host tessmar-nm-host tessmar-sign tessmar_echo_module \
+  bridge_host_callback_module
 
 cd "$root"
 # puppeteer-core downloads no browser; the tests use Debian's.
 PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error
 # The whole stage is bounded; each browser session has its own limit too.
 TESSMAR_BUILD_DIR="$build" timeout -s KILL 600 \
-  node --test --test-concurrency=1 tests/browser/
+  node --test --test-concurrency=1 tests/extension/ tests/browser/

@@ -4,7 +4,9 @@
 // then a small one; "print" writes to standard output; "sleepMs": N answers
 // after N ms; "crash" aborts the process; "stamp" sends a callback carrying
 // the CLOCK_MONOTONIC time of its SendCallback in ns; anything else sends 101
-// callbacks from four threads. Terminate leaves HOME/module-terminated behind.
+// callbacks from four threads. A "setcallback" request is answered {} and,
+// "delayMs" later, called back once from a thread of its own. Terminate joins
+// that thread and leaves HOME/module-terminated behind.
 #include <json.h>
 #include <time.h>
 
@@ -85,6 +87,26 @@ char* Invoke(const char*, const char*, const char* request) {
   return strdup(answer.c_str());
 }
 
+std::vector<std::thread>& Delayed() {
+  static std::vector<std::thread> threads;
+  return threads;
+}
+
+char* SetCallback(const char*, const char*, const char* request, const char* tabid, int) {
+  json_value* root = json_parse(request, std::strlen(request));
+  const json_value* name = Member(root, "callback");
+  const json_value* delay = Member(root, "delayMs");
+  if (name && name->type == json_string && delay && delay->type == json_integer) {
+    Delayed().emplace_back([tabid = std::string(tabid), name = std::string(name->u.string.ptr),
+                            ms = delay->u.integer] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+      g_host->SendCallback(tabid.c_str(), nullptr, name.c_str(), "{\"delayed\":true}");
+    });
+  }
+  json_value_free(root);
+  return strdup("{}");
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int Initialize(
@@ -92,9 +114,12 @@ extern "C" __attribute__((visibility("default"))) int Initialize(
   std::memset(funcs, 0, sizeof *funcs);
   funcs->SetHostFuncs = [](QXHostFuncs* host) { g_host = host; };
   funcs->Terminate = [] {
+    for (std::thread& thread : Delayed()) thread.join();
+    Delayed().clear();
     std::ofstream(std::string(std::getenv("HOME")) + "/module-terminated");
   };
   funcs->FreeString = [](char* text) { std::free(text); };
   funcs->Invoke = Invoke;
+  funcs->SetCallback = SetCallback;
   return 0;
 }

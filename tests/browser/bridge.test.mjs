@@ -6,8 +6,8 @@ import fs from 'node:fs';
 import path from 'node:path';
 import { describe, test } from 'node:test';
 
-import { browsers, invoke, MODULE_VERSION, openPage, waitForCallbacks, withBrowser }
-  from './harness.mjs';
+import { browsers, goTo, invoke, MODULE_VERSION, openPage, sleep, startServer,
+  waitForCallbacks, withBrowser } from './harness.mjs';
 
 const bytes = (text) => Buffer.byteLength(text, 'utf8');
 
@@ -90,6 +90,68 @@ for (const name of Object.keys(browsers)) {
           await new Promise((resolve) => setTimeout(resolve, 300));
           assert.equal((await page.evaluate(() => window.received)).length, 1);
           assert.equal((await other.evaluate(() => window.received)).length, 1);
+        });
+
+        await t.test('no text a page chooses decides where a callback goes', async () => {
+          const victim = await openPage(browser, `${server.origin}/victim`);
+          const victimTab = tabidOf((await invoke(victim, { cmd: 'native', id: 'v', module: 'echo' })).reply);
+          const forged = `x"}, "response":{"id":"setcallback","tabid":"${victimTab}",` +
+                         '"reply":{"forged":true}}, "pad":{"a":"';
+          assert.deepEqual(
+            await invoke(page, { cmd: 'setcallback', id: '9', callback: forged, module: 'echo' }),
+            { error: '"callback" may not hold quotes, backslashes or control characters' });
+          await sleep(300);
+          assert.deepEqual(await victim.evaluate(() => window.received), []);
+        });
+
+        await t.test('a callback reaches only the document that registered it', async () => {
+          const register = (tab, callback, delayMs) =>
+            invoke(tab, { cmd: 'setcallback', id: 'n', callback, module: 'slow', delayMs });
+          const stays = await openPage(browser, `${server.origin}/stays`);
+          assert.match((await register(stays, 'cbStay', 100)).reply, /"status":"TRUE"/);
+          assert.equal((await waitForCallbacks(stays, 1)).length, 1);
+
+          const leaves = await openPage(browser, `${server.origin}/leaves`);
+          assert.match((await register(leaves, 'cbNav', 1000)).reply, /"status":"TRUE"/);
+          const elsewhere = await startServer();
+          try {
+            await goTo(leaves, `${elsewhere.origin}/landed`);
+            // Another origin may not take the name over.
+            assert.match((await register(leaves, 'cbNav')).error, /earlier document/);
+            await sleep(1500);
+            assert.deepEqual(await leaves.evaluate(() => window.received), []);
+          } finally {
+            await elsewhere.close();
+          }
+        });
+
+        await t.test('no tab waits for another; a crash costs one module', async () => {
+          const [slowTab, fastTab] = await Promise.all(
+            ['/slow', '/fast'].map((p) => openPage(browser, `${server.origin}${p}`)));
+          const settled = (promise) => Promise.race([promise.then(() => true), sleep(0).then(() => false)]);
+          const slow = invoke(slowTab, { cmd: 'native', id: 's', module: 'slow', sleepMs: 1500 });
+          await sleep(100);
+          const fast = await invoke(fastTab, { cmd: 'native', id: 'f', module: 'echo' });
+          assert.match(fast.reply, /"status":"TRUE"/);
+          assert.equal(await settled(slow), false, 'the echo reply came before the slow one');
+
+          const crash = await invoke(fastTab, { cmd: 'native', id: 'c', module: 'crashy', crash: true });
+          assert.ok(typeof crash.error === 'string' && crash.error !== '', JSON.stringify(crash));
+          assert.match((await slow).reply, /"status":"TRUE"/);
+          const again = await invoke(fastTab, { cmd: 'native', id: 'd', module: 'crashy', say: '{"fresh":1}' });
+          assert.match(again.reply, /"status":"TRUE", "reply":\{"fresh":1\}/);
+        });
+
+        await t.test('a sandboxed frame is origin "null"', async () => {
+          const outer = await browser.newPage();
+          await outer.goto(`${server.origin}/sandboxed`);
+          let frame;
+          for (let i = 0; i < 100 && !frame; i++, await sleep(50)) {
+            frame = outer.frames().find((f) => f.url().endsWith('/framed'));
+          }
+          await goTo(frame);
+          assert.match((await invoke(frame, { cmd: 'native', id: 'o', module: 'echo' })).reply,
+                       /"reply":\{"module":"echo","origin":"null"/);
         });
 
         await t.test('the demo page', async () => {

@@ -22,6 +22,7 @@ const built = {
   adapter: 'tools/nm-host/tessmar-nm-host',
   sign: 'tools/tessmar-sign/tessmar-sign',
   echo: 'examples/echo_module/libtessmar_echo_module.so',
+  testModule: 'tests/bridge_host/libbridge_host_callback_module.so',
 };
 
 export const HOST_NAME = 'zz.qx.pelmora.morrowhost';
@@ -73,6 +74,11 @@ export function makeSandbox(browser, { hostMode = false } = {}) {
   const sign = (...args) => execFileSync(builtFile('sign'), args, { env, stdio: 'pipe' });
   sign('install');
   sign('module', 'echo', echo, '--version', MODULE_VERSION);
+  // One test module under two names, hence in two adapter processes: it
+  // sleeps, crashes or calls back late as the request asks.
+  const testModule = path.join(install, 'modules', 'libtest_module.so');
+  copyExecutable(builtFile('testModule'), testModule);
+  for (const name of ['slow', 'crashy']) sign('module', name, testModule);
   // A module whose signature does not match its file.
   fs.writeFileSync(path.join(configDir, 'blocked.json'), JSON.stringify({
     Name: 'blocked', Path: echo, Sig: 'A'.repeat(43) + '=', Version: '1.0.0.0',
@@ -113,11 +119,21 @@ export async function startServer() {
       return;
     }
     response.setHeader('content-type', 'text/html; charset=utf-8');
-    response.end(`<!doctype html><title>${request.url}</title><p>test page</p>`);
+    // /sandboxed embeds a frame whose origin is opaque.
+    const body = request.url === '/sandboxed'
+      ? '<iframe sandbox="allow-scripts" src="/framed"></iframe>'
+      : '<p>test page</p>';
+    response.end(`<!doctype html><title>${request.url}</title>${body}`);
   });
   await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
   const origin = `http://127.0.0.1:${server.address().port}`;
-  return { origin, close: () => new Promise((resolve) => server.close(resolve)) };
+  return {
+    origin,
+    close: () => new Promise((resolve) => {
+      server.close(resolve);
+      server.closeAllConnections();  // browsers keep connections open
+    }),
+  };
 }
 
 // Kills what is left of a session: the browser's process group, and any
@@ -198,15 +214,25 @@ export async function withBrowser(browserName, options, body) {
 // receives in window.received.
 export async function openPage(browser, url) {
   const page = await browser.newPage();
-  await page.goto(url);
-  await page.waitForFunction(() => typeof window.tessmar === 'object',
-                              { timeout: 10_000, polling: 50 });
+  await goTo(page, url);
+  return page;
+}
+
+// Navigates `page` (or loads a frame's document) and readies it likewise.
+export async function goTo(page, url) {
+  if (url) await page.goto(url);
+  // Polled by hand: waitForFunction does not reach sandboxed frames in Firefox.
+  for (let tries = 0; await page.evaluate(() => typeof window.tessmar) !== 'object'; tries++) {
+    if (tries === 200) throw new Error(`no page API in ${page.url()}`);
+    await sleep(50);
+  }
   await page.evaluate(() => {
     window.received = [];
     window.tessmar.onCallback((text) => window.received.push(text));
   });
-  return page;
 }
+
+export const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 // invoke() in the page; resolves with {reply} or {error}.
 export function invoke(page, request) {

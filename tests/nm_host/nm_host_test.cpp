@@ -313,7 +313,11 @@ TEST(NmHostTest, StaysSmallWhateverPagesSend) {
   EXPECT_EQ(0u, adapter.Read().find("{\"seq\":2,\"error\":\"request too large ("));
   for (int i = 0; i < 8; ++i) EXPECT_EQ(0u, adapter.Read().find("{\"seq\":1,\"reply\":"));
   writer.join();
-  EXPECT_LT(adapter.CloseAndWait(), 128 * 1024) << "KiB at the peak";
+  const long peak_kib = adapter.CloseAndWait();
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(peak_kib, 128 * 1024) << "KiB at the peak";  // sanitizers need more
+#endif
+  (void)peak_kib;
 }
 
 // A module's output goes to stderr, or nowhere, even when the browser

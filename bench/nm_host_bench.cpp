@@ -1,0 +1,293 @@
+// The native-messaging adapter as a browser sees it, beside a minimal
+// native-messaging host that only answers, in one run:
+//   nm_roundtrip/adapter, nm_roundtrip/minimal_host: a 100-byte echo request
+//       and its reply over the standard streams;
+//   nm_callback_delay/adapter: from a module thread's SendCallback to the
+//       callback message read from the adapter's output;
+//   nm_request_during_slow_call/adapter: an echo request to one adapter
+//       while another (the extension runs one per module) is in a 1500 ms
+//       module call;
+//   nm_idle/*: wake-ups per second of an idle process (a counter).
+// Every figure is wall-clock time: the programs mostly wait on each other.
+#include <benchmark/benchmark.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "echo_request.h"
+
+namespace {
+
+constexpr char kConfigSubdirectory[] = "/.config/Pelmora/Tessmar/morrowhost";
+
+long long MonotonicNs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+// {"seq":N,"request":TEXT}, as the extension writes it.
+std::string Message(int seq, const std::string& request) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  writer.StartObject();
+  writer.Key("seq");
+  writer.Int(seq);
+  writer.Key("request");
+  writer.String(request.data(), static_cast<rapidjson::SizeType>(request.size()));
+  writer.EndObject();
+  return buffer.GetString();
+}
+
+bool ReadFully(int fd, char* bytes, std::size_t size) {
+  while (size > 0) {
+    const ssize_t n = read(fd, bytes, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool WriteFully(int fd, const char* bytes, std::size_t size) {
+  while (size > 0) {
+    const ssize_t n = write(fd, bytes, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool SendFrame(int fd, const std::string& body) {
+  const std::uint32_t length = static_cast<std::uint32_t>(body.size());
+  std::string frame(reinterpret_cast<const char*>(&length), 4);
+  frame += body;
+  return WriteFully(fd, frame.data(), frame.size());
+}
+
+bool ReceiveFrame(int fd, std::string& body) {
+  std::uint32_t length = 0;
+  if (!ReadFully(fd, reinterpret_cast<char*>(&length), 4)) return false;
+  body.resize(length);
+  return length == 0 || ReadFully(fd, &body[0], length);
+}
+
+// The anchor: reads a message, answers a reply of `reply_bytes`, until its
+// input ends. Nothing else.
+[[noreturn]] void MinimalHost(std::size_t reply_bytes) {
+  const std::string reply = "{\"seq\":1,\"reply\":\"" + std::string(reply_bytes - 20, 'x') + "\"}";
+  std::string body;
+  while (ReceiveFrame(0, body) && SendFrame(1, reply)) {
+  }
+  _exit(0);
+}
+
+// A child process on a pair of pipes: the adapter, or the anchor.
+class Peer {
+ public:
+  // Runs `argv`, or MinimalHost(reply_bytes) when argv is empty.
+  Peer(std::vector<std::string> argv, std::size_t reply_bytes = 0) {
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      close(in[1]);  // or the anchor, which does not exec, never sees its end
+      close(out[0]);
+      if (argv.empty()) MinimalHost(reply_bytes);
+      std::vector<char*> args;
+      for (std::string& arg : argv) args.push_back(&arg[0]);
+      args.push_back(nullptr);
+      execv(args[0], args.data());
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    to_ = in[1];
+    from_ = out[0];
+    std::string mode;
+    if (!argv.empty() && !Receive(mode)) pid_ = -1;  // {"mode":...} first
+  }
+  ~Peer() {
+    close(to_);
+    close(from_);
+    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+  }
+  bool ok() const { return pid_ > 0; }
+  bool Send(const std::string& body) { return SendFrame(to_, body); }
+  bool Receive(std::string& body) { return ReceiveFrame(from_, body); }
+
+  // Context switches of all its threads so far: every wake-up is one.
+  long ContextSwitches() const {
+    long total = 0;
+    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
+    DIR* dir = opendir(tasks.c_str());
+    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+      if (entry->d_name[0] == '.') continue;
+      std::ifstream status(tasks + "/" + entry->d_name + "/status");
+      for (std::string line; std::getline(status, line);) {
+        if (line.find("ctxt_switches:") != std::string::npos) {
+          total += std::stol(line.substr(line.find(':') + 1));
+        }
+      }
+    }
+    if (dir != nullptr) closedir(dir);
+    return total;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int to_ = -1;
+  int from_ = -1;
+};
+
+std::size_t g_reply_bytes = 0;  // the adapter's reply to the echo request
+
+void BM_AdapterRoundTrip(benchmark::State& state) {
+  Peer adapter({TESSMAR_BENCH_NM_HOST, "--library", TESSMAR_BENCH_LIBRARY});
+  const std::string message = Message(1, EchoRequest(100));
+  std::string reply;
+  for (auto _ : state) {
+    if (!adapter.Send(message) || !adapter.Receive(reply)) {
+      state.SkipWithError("the adapter is gone");
+      break;
+    }
+  }
+  g_reply_bytes = reply.size();
+  state.counters["reply_bytes"] = static_cast<double>(reply.size());
+}
+
+void BM_MinimalHostRoundTrip(benchmark::State& state) {
+  Peer host({}, g_reply_bytes != 0 ? g_reply_bytes : 150);
+  const std::string message = Message(1, EchoRequest(100));
+  std::string reply;
+  for (auto _ : state) {
+    if (!host.Send(message) || !host.Receive(reply)) {
+      state.SkipWithError("the minimal host is gone");
+      break;
+    }
+  }
+  state.counters["reply_bytes"] = static_cast<double>(reply.size());
+}
+
+void BM_CallbackDelay(benchmark::State& state) {
+  Peer adapter({TESSMAR_BENCH_NM_HOST, "--library", TESSMAR_BENCH_LIBRARY});
+  const std::string message = Message(
+      1, R"({"cmd":"setcallback","id":"1","tabid":"t","callback":"c","module":"stamp","delayMs":2})");
+  std::string reply, callback;
+  for (auto _ : state) {
+    if (!adapter.Send(message) || !adapter.Receive(reply) || !adapter.Receive(callback)) {
+      state.SkipWithError("the adapter is gone");
+      break;
+    }
+    const long long now = MonotonicNs();
+    const std::size_t at = callback.find("ns\\\":");
+    if (at == std::string::npos) {
+      state.SkipWithError(("no time stamp in " + callback).c_str());
+      break;
+    }
+    const long long sent = std::strtoll(callback.c_str() + at + 5, nullptr, 10);
+    state.SetIterationTime(static_cast<double>(now - sent) / 1e9);
+  }
+}
+
+void BM_RequestDuringSlowCall(benchmark::State& state) {
+  Peer slow({TESSMAR_BENCH_NM_HOST, "--library", TESSMAR_BENCH_LIBRARY});
+  Peer other({TESSMAR_BENCH_NM_HOST, "--library", TESSMAR_BENCH_LIBRARY});
+  const std::string slow_call = Message(
+      1, R"({"cmd":"native","id":"1","tabid":"t","module":"stamp","sleepMs":1500})");
+  const std::string echo = Message(2, EchoRequest(100));
+  std::string reply;
+  for (auto _ : state) {
+    slow.Send(slow_call);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const long long start = MonotonicNs();
+    if (!other.Send(echo) || !other.Receive(reply)) {
+      state.SkipWithError("the adapter is gone");
+      break;
+    }
+    state.SetIterationTime(static_cast<double>(MonotonicNs() - start) / 1e9);
+    slow.Receive(reply);
+  }
+}
+
+void IdleWakeups(benchmark::State& state, Peer& peer) {
+  for (auto _ : state) {
+    const long before = peer.ContextSwitches();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    state.counters["wakeups_per_second"] = static_cast<double>(peer.ContextSwitches() - before);
+  }
+}
+
+void BM_AdapterIdle(benchmark::State& state) {
+  Peer adapter({TESSMAR_BENCH_NM_HOST, "--library", TESSMAR_BENCH_LIBRARY});
+  IdleWakeups(state, adapter);
+}
+
+void BM_MinimalHostIdle(benchmark::State& state) {
+  Peer host({}, 150);
+  IdleWakeups(state, host);
+}
+
+BENCHMARK(BM_AdapterRoundTrip)->Name("nm_roundtrip/adapter")->UseRealTime();
+BENCHMARK(BM_MinimalHostRoundTrip)->Name("nm_roundtrip/minimal_host")->UseRealTime();
+BENCHMARK(BM_CallbackDelay)->Name("nm_callback_delay/adapter")->UseManualTime()
+    ->Iterations(200);
+BENCHMARK(BM_RequestDuringSlowCall)->Name("nm_request_during_slow_call/adapter")
+    ->UseManualTime()->Iterations(2);
+BENCHMARK(BM_AdapterIdle)->Name("nm_idle/adapter")->Iterations(1);
+BENCHMARK(BM_MinimalHostIdle)->Name("nm_idle/minimal_host")->Iterations(1);
+
+bool Run(const std::string& command) { return std::system(command.c_str()) == 0; }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  signal(SIGPIPE, SIG_IGN);  // a vanished peer shows as an error
+
+  const char* tmp = std::getenv("TMPDIR");
+  std::string home = std::string(tmp != nullptr ? tmp : "/tmp") + "/tessmar-nm-bench-XXXXXX";
+  if (mkdtemp(&home[0]) == nullptr) {
+    std::perror("mkdtemp");
+    return 1;
+  }
+  setenv("HOME", home.c_str(), 1);
+  // A signed sandbox installation with the stamp module.
+  const std::string config = home + kConfigSubdirectory;
+  const std::string sign = std::string("'") + TESSMAR_BENCH_SIGN + "' ";
+  if (!Run("mkdir -p '" + config + "' '" + home + "/install'")) return 1;
+  std::ofstream(config + "/config.json") << "{\"Tessmar\":\"" << home << "/install\"}";
+  int status = 0;
+  if (!Run(sign + "install >/dev/null 2>&1") ||
+      !Run(sign + "module stamp '" TESSMAR_BENCH_STAMP_MODULE "' >/dev/null")) {
+    std::fprintf(stderr, "cannot sign the sandbox installation in %s\n", home.c_str());
+    status = 1;
+  } else {
+    benchmark::RunSpecifiedBenchmarks();
+  }
+  benchmark::Shutdown();
+  if (!Run("rm -rf '" + home + "'")) status = 1;
+  return status;
+}
