@@ -61,7 +61,8 @@ bool CreateDirectories(std::string& path);
 // trailing "/".
 std::string FifoDirectory();
 
-// A malloc'ed NUL-terminated copy that ends at the first NUL of `text`.
+// A malloc'ed copy of `text` with its terminating NUL; as a C string it
+// ends at the first NUL `text` holds.
 char* MallocCopy(const std::string& text);
 
 }  // namespace tessmar::bridge

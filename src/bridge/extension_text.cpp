@@ -9,7 +9,7 @@ namespace tessmar::bridge {
 
 char* MallocCopy(const std::string& text) {
   char* copy = static_cast<char*>(std::malloc(text.size() + 1));
-  if (copy != nullptr) std::strcpy(copy, text.c_str());  // ends at a NUL
+  if (copy != nullptr) std::memcpy(copy, text.c_str(), text.size() + 1);
   return copy;
 }
 

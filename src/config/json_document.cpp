@@ -29,6 +29,24 @@ const json_value* JsonDocument::Member(const char* name) const {
   return nullptr;
 }
 
+void JsonDocument::Members(const std::string_view* names,
+                           const json_value** found, std::size_t count) const {
+  for (std::size_t n = 0; n < count; ++n) found[n] = nullptr;
+  if (!is_object()) return;
+  std::size_t missing = count;
+  for (unsigned i = 0; i < root_->u.object.length && missing > 0; ++i) {
+    const json_object_entry& entry = root_->u.object.values[i];
+    const std::string_view entry_name(entry.name, entry.name_length);
+    for (std::size_t n = 0; n < count; ++n) {
+      if (found[n] == nullptr && names[n] == entry_name) {
+        found[n] = entry.value;
+        --missing;
+        break;
+      }
+    }
+  }
+}
+
 std::string JsonDocument::String(const char* name) const {
   const json_value* value = Member(name);
   if (value == nullptr || value->type != json_string) return std::string();

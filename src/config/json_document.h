@@ -7,7 +7,9 @@
 
 #include <json.h>
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace tessmar {
 
@@ -31,6 +33,11 @@ class JsonDocument {
 
   // The member's string value; "" when absent or not a string.
   std::string String(const char* name) const;
+
+  // Member for each of `count` names in one pass over the root object:
+  // found[i] is the first member named names[i], or null.
+  void Members(const std::string_view* names, const json_value** found,
+               std::size_t count) const;
 
   // True only for a member holding the JSON literal true.
   bool IsTrue(const char* name) const;

@@ -1,6 +1,7 @@
 // The compression functions behind the digest contexts: the portable code,
 // which is the reference and the fallback, and variants for x86-64: the SHA
-// instructions for SHA-1 and SHA-256, AVX2 with BMI for SHA-512. Each digest
+// instructions for SHA-1 and SHA-256, AVX2 with BMI and AVX-512 with BMI
+// for SHA-512. Each digest
 // has one dispatch point, picked once, at first use, from what the CPU
 // reports; the context code calls it for every whole block, straight from
 // the caller's buffer where it can.
@@ -42,13 +43,14 @@ void UseDigestVariantForTesting(const DigestVariant& variant);
 
 // SHA-512 (128-byte blocks).
 struct Sha512Variant {
-  const char* name;  // "portable", "avx2"
+  const char* name;  // "portable", "avx2", "avx512"
   Sha512BlocksFn blocks;
 };
 
 // As above: the one in use; each by name ("portable" always, "avx2" only
-// with AVX2, BMI1, BMI2 and the YMM state enabled by the OS), null
-// otherwise; and a test-only override.
+// with AVX2, BMI1, BMI2 and the YMM state enabled by the OS, "avx512" only
+// with all that, AVX-512 F, BW and VL and the opmask and ZMM state enabled
+// by the OS), null otherwise; and a test-only override.
 const Sha512Variant& ActiveSha512();
 const Sha512Variant* Sha512VariantNamed(const char* name);
 void UseSha512VariantForTesting(const Sha512Variant& variant);
@@ -67,6 +69,8 @@ void Sha512BlocksPortable(uint64_t state[8], const unsigned char* data,
                           std::size_t blocks);
 void Sha512BlocksAvx2(uint64_t state[8], const unsigned char* data,
                       std::size_t blocks);
+void Sha512BlocksAvx512(uint64_t state[8], const unsigned char* data,
+                        std::size_t blocks);
 
 }  // namespace tessmar::crypto
 

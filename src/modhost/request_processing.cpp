@@ -2,29 +2,43 @@
 // loaded modules, or dispatched to one module and wrapped in the envelope.
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "config/json_document.h"
+#include "modhost/reply_envelope.h"
 #include "modhost/request_processing.h"
 #include "tessmar/modhost.h"
 
 namespace {
 
-// The request members the module host reads.
+// The request members the module host reads, found in one pass over the
+// parsed request. The strings stay in the tree, which ends each with a NUL,
+// so data() is a C string (up to any NUL the value holds, as c_str() of a
+// copy would be); absent or non-string members are "".
 struct RequestFields {
-  std::string cmd;
-  std::string id;
-  std::string tabid;
-  std::string callback;
-  std::string module;
-  std::string origin;
+  std::string_view cmd = "", id = "", tabid = "", callback = "", module = "",
+                   origin = "";
+  bool echo = false;
 
-  explicit RequestFields(const tessmar::JsonDocument& request)
-      : cmd(request.String("cmd")),
-        id(request.String("id")),
-        tabid(request.String("tabid")),
-        callback(request.String("callback")),
-        module(request.String("module")),
-        origin(request.String("origin")) {}
+  explicit RequestFields(const tessmar::JsonDocument& request) {
+    static constexpr std::string_view kNames[] = {
+        "cmd", "id", "tabid", "callback", "module", "origin", "echo"};
+    constexpr std::size_t kCount = sizeof kNames / sizeof kNames[0];
+    const json_value* found[kCount];
+    request.Members(kNames, found, kCount);
+    std::string_view* const strings[] = {&cmd,      &id,     &tabid,
+                                         &callback, &module, &origin};
+    for (std::size_t i = 0; i < kCount - 1; ++i) {
+      const json_value* value = found[i];
+      if (value != nullptr && value->type == json_string) {
+        *strings[i] = std::string_view(value->u.string.ptr,
+                                       value->u.string.length);
+      }
+    }
+    const json_value* flag = found[kCount - 1];
+    echo = flag != nullptr && flag->type == json_boolean &&
+           flag->u.boolean != 0;
+  }
 };
 
 constexpr char kDefaultModule[] = "morrowhost";
@@ -32,8 +46,8 @@ constexpr char kBroadcast[] = "_all_";
 
 std::string Envelope(const RequestFields& request, int status,
                      const char* reply) {
-  return BuildReplyEnvelope(request.id.c_str(), request.tabid.c_str(), status,
-                            reply, request.callback.c_str());
+  return BuildReplyEnvelope(request.id.data(), request.tabid.data(), status,
+                            reply, request.callback.data());
 }
 
 // The module's answer, copied into the envelope and handed back to the module.
@@ -56,7 +70,7 @@ std::string DispatchToModule(const RequestFields& request,
   if (request.id.empty()) return std::string();
 
   const char* target = kDefaultModule;
-  if (!request.module.empty()) target = request.module.c_str();
+  if (!request.module.empty()) target = request.module.data();
   if (module_override != nullptr && *module_override != '\0') {
     target = module_override;
   }
@@ -77,13 +91,13 @@ std::string DispatchToModule(const RequestFields& request,
     if (funcs == nullptr) return Envelope(request, REPLY_FALSE, nullptr);
   }
 
-  const char* origin = request.origin.c_str();
-  const char* id = request.id.c_str();
+  const char* origin = request.origin.data();
+  const char* id = request.id.data();
   if (request.cmd == "setcallback") {
     // A module without SetCallback still gets a successful, empty reply.
     char* answer = funcs->SetCallback != nullptr
                        ? funcs->SetCallback(origin, id, text,
-                                            request.tabid.c_str(), 1)
+                                            request.tabid.data(), 1)
                        : nullptr;
     return WrapAnswer(request, funcs, answer, REPLY_TRUE);
   }
@@ -106,12 +120,16 @@ std::string AnswerParsedRequest(const JsonDocument& parsed, const char* text,
     return std::string();
   }
 
-  if (parsed.IsTrue("echo")) {
-    constexpr char kHead[] = "{\"reply\":{\"status\":\"0\", \"reply\":";
-    std::string answer;
-    answer.reserve(sizeof kHead - 1 + length + 2);
-    answer.append(kHead, sizeof kHead - 1).append(text, length).append("}}");
-    return Envelope(request, REPLY_TRUE, answer.c_str());
+  if (request.echo) {
+    // The request comes back inside the envelope's reply, read as a C
+    // string like any reply: up to a NUL it may hold, without the closing
+    // braces then.
+    const std::size_t body = strnlen(text, length);
+    return ReplyEnvelope(request.id.data(), request.tabid.data(), REPLY_TRUE,
+                         {"{\"reply\":{\"status\":\"0\", \"reply\":",
+                          std::string_view(text, body),
+                          body == length ? "}}" : ""},
+                         request.callback.data());
   }
 
   if (request.module != kBroadcast) {

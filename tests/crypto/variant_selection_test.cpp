@@ -37,11 +37,15 @@ TEST(VariantSelection, FollowsTheCpuFlags) {
   const bool vaes = aesni && has("avx") && has("avx2") && has("vaes");
   const bool shani = has("sha_ni") && sse;
   const bool avx2 = has("avx") && has("avx2") && has("bmi1") && has("bmi2");
+  // Likewise avx512* only when it saves the opmask and ZMM registers.
+  const bool avx512 =
+      avx2 && has("avx512f") && has("avx512vl") && has("avx512bw");
 
   EXPECT_EQ(AesVariantNamed("aesni") != nullptr, aesni);
   EXPECT_EQ(AesVariantNamed("vaes") != nullptr, vaes);
   EXPECT_EQ(DigestVariantNamed("shani") != nullptr, shani);
   EXPECT_EQ(Sha512VariantNamed("avx2") != nullptr, avx2);
+  EXPECT_EQ(Sha512VariantNamed("avx512") != nullptr, avx512);
   for (const char* name : {"portable", "aesni", "vaes"}) {
     const AesVariant* v = AesVariantNamed(name);
     EXPECT_STREQ(v ? v->name : name, name);
@@ -50,11 +54,16 @@ TEST(VariantSelection, FollowsTheCpuFlags) {
     const DigestVariant* v = DigestVariantNamed(name);
     EXPECT_STREQ(v ? v->name : name, name);
   }
+  for (const char* name : {"portable", "avx2", "avx512"}) {
+    const Sha512Variant* v = Sha512VariantNamed(name);
+    EXPECT_STREQ(v ? v->name : name, name);
+  }
   EXPECT_EQ(AesVariantNamed("AESNI"), nullptr);
   EXPECT_EQ(DigestVariantNamed(nullptr), nullptr);
   EXPECT_STREQ(ActiveAes().name, vaes ? "vaes" : aesni ? "aesni" : "portable");
   EXPECT_STREQ(ActiveDigests().name, shani ? "shani" : "portable");
-  EXPECT_STREQ(ActiveSha512().name, avx2 ? "avx2" : "portable");
+  EXPECT_STREQ(ActiveSha512().name,
+               avx512 ? "avx512" : avx2 ? "avx2" : "portable");
 }
 
 }  // namespace
