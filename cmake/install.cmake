@@ -39,7 +39,16 @@ add_custom_command(OUTPUT ${TESSMAR_CHANGELOG}
   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog VERBATIM)
 add_custom_target(tessmar_changelog ALL DEPENDS ${TESSMAR_CHANGELOG})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${TESSMAR_CHANGELOG}
+  ${PROJECT_SOURCE_DIR}/README.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar)
+# The example module's sources and the example extension, to start from.
+install(FILES
+  ${PROJECT_SOURCE_DIR}/examples/echo_module/CMakeLists.txt
+  ${PROJECT_SOURCE_DIR}/examples/echo_module/echo_module.cpp
+  ${PROJECT_SOURCE_DIR}/examples/echo_module/echo_module.map
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar/examples/echo_module)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/extension/
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar/examples/extension)
 
 # The system installation: config.json names the installation directory and
 # the version and carries the installation signature. Written only when

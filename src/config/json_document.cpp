@@ -1,7 +1,8 @@
 #include "config/json_document.h"
 
-#include <cstdio>
 #include <cstring>
+
+#include "config/regular_file.h"
 
 namespace tessmar {
 
@@ -61,16 +62,9 @@ bool JsonDocument::IsTrue(const char* name) const {
 
 JsonDocument ReadJsonFile(const std::string& path) {
   std::string text;
-  FILE* file = std::fopen(path.c_str(), "rt");
-  if (file != nullptr) {
-    char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
-      text.append(buffer, n);
-    }
-    std::fclose(file);
-  }
-  // An unopenable file parses as the empty text, which json_parse rejects.
+  // A file that cannot be read whole parses as the empty text, which
+  // json_parse rejects.
+  if (!ReadRegularFile(path, kMaxJsonFileSize, &text)) text.clear();
   return JsonDocument(text);
 }
 

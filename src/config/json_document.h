@@ -46,8 +46,9 @@ class JsonDocument {
   json_value* root_;
 };
 
-// Reads the file at `path` whole ("rt", 4096-byte chunks) and parses it.
-// A file that cannot be opened gives an unparsed document.
+// Reads the file at `path` whole and parses it. A file that is not a
+// regular file, is larger than kMaxJsonFileSize or cannot be read gives an
+// unparsed document.
 JsonDocument ReadJsonFile(const std::string& path);
 
 }  // namespace tessmar

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "config/regular_file.h"
 #include "tessmar/config.h"
 #include "tessmar/modhost.h"
 #include "tessmar/signature.h"
@@ -55,6 +56,8 @@ int LoadQxClient(const char* name, QXHostFuncs* host) {
   // browser's own symbols, so an empty path counts as a library that cannot
   // be opened.
   if (path.empty()) return QX_LOAD_OPEN_FAILED;
+  // dlopen would block on a FIFO and map whatever a device gives.
+  if (!tessmar::IsReadableRegularFile(path)) return QX_LOAD_OPEN_FAILED;
   void* handle = dlopen(path.c_str(), RTLD_LAZY);
   if (handle == nullptr) return QX_LOAD_OPEN_FAILED;
 

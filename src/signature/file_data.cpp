@@ -3,24 +3,14 @@
 #include <cstdio>
 #include <string>
 
+#include "config/regular_file.h"
 #include "tessmar/signature.h"
 
 std::string ReadFileData(std::string path) {
+  // Files of 2 GiB and more are outside what this reader supports and come
+  // back empty, as do files that are not regular files.
   std::string data;
-  FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) return data;
-  // The size is taken as a signed 32-bit value; files of 2 GiB and more are
-  // outside what this reader supports and come back empty.
-  if (std::fseek(file, 0, SEEK_END) == 0) {
-    const long end = std::ftell(file);
-    if (end > 0 && end <= INT32_MAX && std::fseek(file, 0, SEEK_SET) == 0) {
-      std::string buffer(static_cast<std::size_t>(end), '\0');
-      if (std::fread(&buffer[0], 1, buffer.size(), file) == buffer.size()) {
-        data.swap(buffer);
-      }
-    }
-  }
-  std::fclose(file);
+  if (!tessmar::ReadRegularFile(path, INT32_MAX, &data)) data.clear();
   return data;
 }
 

@@ -1,10 +1,13 @@
 #include "signature/stretched_digest.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <vector>
 
+#include "config/regular_file.h"
 #include "tessmar/digest.h"
 #include "tessmar/signature.h"
 
@@ -74,31 +77,30 @@ std::string MakeStretchedDigest(const std::string& seed) {
 
 std::string MakeStretchedDigestOfFile(const std::string& prefix,
                                       const std::string& path) {
-  // Read as ReadFileData reads: the size from the end position as a signed
-  // 32-bit value, the whole file or nothing; but in pieces, straight into
-  // the hash, so a large module is never held in memory.
-  FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) return std::string();
+  // Read as ReadFileData reads: a regular file under 2 GiB, whole or not at
+  // all; but in pieces, straight into the hash, so a large module is never
+  // held in memory.
+  off_t end = 0;
+  const int fd = OpenRegularFile(path, &end);
+  if (fd < 0) return std::string();
   std::string result;
-  if (std::fseek(file, 0, SEEK_END) == 0) {
-    const long end = std::ftell(file);
-    if (end > 0 && end <= INT32_MAX && std::fseek(file, 0, SEEK_SET) == 0) {
-      const std::size_t size = static_cast<std::size_t>(end);
-      SeedAbsorber absorber(prefix.size() + size);
-      absorber.Add(prefix.data(), prefix.size());
-      std::vector<char> buffer(std::size_t{1} << 20);
-      std::size_t done = 0;
-      while (done < size) {
-        const std::size_t want = std::min(buffer.size(), size - done);
-        const std::size_t got = std::fread(buffer.data(), 1, want, file);
-        absorber.Add(buffer.data(), got);
-        done += got;
-        if (got < want) break;
-      }
-      if (done == size) result = absorber.Stretch();
+  if (end > 0 && end <= INT32_MAX) {
+    const std::size_t size = static_cast<std::size_t>(end);
+    SeedAbsorber absorber(prefix.size() + size);
+    absorber.Add(prefix.data(), prefix.size());
+    std::vector<char> buffer(std::size_t{1} << 20);
+    std::size_t done = 0;
+    while (done < size) {
+      const std::size_t want = std::min(buffer.size(), size - done);
+      const ssize_t got = read(fd, buffer.data(), want);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      absorber.Add(buffer.data(), static_cast<std::size_t>(got));
+      done += static_cast<std::size_t>(got);
     }
+    if (done == size) result = absorber.Stretch();
   }
-  std::fclose(file);
+  close(fd);
   return result;
 }
 

@@ -24,12 +24,38 @@ export DEBIAN_FRONTEND=noninteractive
 lintian_out=$(lintian --fail-on error --tag-display-limit 0 "$deb" 2>&1)
 check "lintian reports no error: $lintian_out" test $? -eq 0
 
-check "dpkg -i" dpkg -i "$deb"
+install_out=$(dpkg -i "$deb" 2>&1)
+check "dpkg -i: $install_out" test $? -eq 0
+check "a quiet install: $install_out" test -z "$(grep -i -e warning -e tessmar-sign <<<"$install_out")"
 files=$(dpkg -L tessmar)
 install_dir=$(dirname "$(grep '/libTessmarFirefox.so$' <<<"$files")")
 system_config="/usr/share/Pelmora/Tessmar/morrowhost/config.json"
 check "config.json names the installation" contains "$(cat "$system_config" 2>&1)" "\"Tessmar\": \"$install_dir\""
 check "the installation is signed" tessmar-sign --system verify-install
+
+# Each browser manifest names an executable the package installed.
+manifests=$(grep '/native-messaging-hosts/.*\.json$' <<<"$files")
+check "three browser manifests" test "$(wc -l <<<"$manifests")" -eq 3
+while IFS= read -r manifest; do
+  adapter=$(sed -n 's/^ *"path": "\(.*\)",$/\1/p' "$manifest")
+  check "$manifest names a packaged executable: '$adapter'" \
+    test -n "$adapter" -a -x "$adapter" -a -n "$(grep -Fx -- "$adapter" <<<"$files")"
+done <<<"$manifests"
+# No installed file points back at the tree the package was built from.
+build_dir=$(cd "$(dirname "$deb")" && pwd)
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+leaks=""
+while IFS= read -r path; do
+  [ -f "$path" ] && grep -qF -e "$build_dir" -e "$root/" "$path" && leaks+="$path "
+done <<<"$files"
+check "no packaged file names $build_dir or $root: $leaks" test -z "$leaks"
+docs=/usr/share/doc/tessmar
+for doc in README.md examples/echo_module/echo_module.cpp examples/extension/manifest.json; do
+  check "$docs/$doc shipped" test -s "$docs/$doc"
+done
+check "TessmarChrome man page" test -s /usr/share/man/man1/TessmarChrome.1.gz
+usage=$("$install_dir/TessmarChrome" --help 2>&1)
+check "TessmarChrome --help names it: $usage" contains "$usage" "usage: TessmarChrome "
 
 home=$(mktemp -d)
 module="$install_dir/modules/libtessmar_echo_module.so"

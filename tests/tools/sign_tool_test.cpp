@@ -226,4 +226,44 @@ TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
   }
 }
 
+// A FIFO, an oversized file or a planted link where the tool reads or
+// writes: it fails at once with its reason and touches nothing.
+TEST_F(SignToolTest, UnusualFilesFailFastWithTheirReason) {
+  const std::string install = MakeInstallation("opt/tessmar");
+  const std::string config = home_.ConfigDir() + "/config.json";
+  ASSERT_EQ(mkfifo(config.c_str(), 0600), 0);
+  ExpectExit({"install"}, 2, "not a regular file");
+  ExpectExit({"verify-install"}, 2, "not a regular file");
+  ASSERT_EQ(unlink(config.c_str()), 0);
+  const std::string big = "{\"Tessmar\": \"" + install + "\"}" + std::string(1 << 20, ' ');
+  home_.WriteConfig("config.json", big);
+  ExpectExit({"install"}, 2, "too large");
+  EXPECT_EQ(ReadFile(config), big);
+
+  const std::string fifo = home_.path() + "/libfifo.so";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  ExpectExit({"module", "demo", fifo}, 2, "not a regular file");
+  ExpectExit({"client", fifo}, 2, "not a regular file");
+
+  // A module file planted as a link is not followed, and its target is kept.
+  const std::string target = home_.WriteHomeFile("elsewhere.json", "{}");
+  ASSERT_EQ(symlink(target.c_str(), (home_.ConfigDir() + "/demo.json").c_str()), 0);
+  ExpectExit({"module", "demo", home_.WriteHomeFile("m.so", "x")}, 2, "symbolic link");
+  EXPECT_EQ(ReadFile(target), "{}");
+}
+
+TEST_F(SignToolTest, AbsentFilesAreSignedQuietlyAndListedOnVerify) {
+  const std::string install = MakeInstallation("opt/tessmar");
+  home_.WriteConfig("config.json", "{\"Tessmar\": \"" + install + "\"}");
+  ASSERT_EQ(unlink((install + "/libnpTessmarPlugin.so").c_str()), 0);
+  const Result signing = RunTool({"install"});
+  EXPECT_EQ(signing.status, 0);
+  EXPECT_EQ(signing.err, "");
+  const Result verifying = RunTool({"verify-install"});
+  EXPECT_EQ(verifying.status, 0) << verifying.err;
+  EXPECT_NE(verifying.out.find("absent: " + install + "/libnpTessmarPlugin.so\n"),
+            std::string::npos)
+      << verifying.out;
+}
+
 }  // namespace

@@ -63,7 +63,7 @@ constexpr char kUsage[] =
     "  4  --host, but tsmx_Startup failed or the host could not be started\n";
 
 // The installed library when this program runs from an installation, else
-// the build tree's.
+// the fallback this executable was built with (tools/driver/CMakeLists.txt).
 std::string DefaultLibrary() {
   char self[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);

@@ -17,6 +17,7 @@
 #include "bridge_loader.h"
 #include "config/config_location.h"
 #include "config/json_document.h"
+#include "fallback_library.h"
 #include "manifests.h"
 #include "options.h"
 #include "server.h"
@@ -74,7 +75,16 @@ std::string DefaultLibrary() {
   if (!dir.empty() && Exists(dir + "/" + kLibraryName)) {
     return dir + "/" + kLibraryName;
   }
-  return TESSMAR_NM_HOST_LIBRARY;
+  // Set per executable: the installation directory for the installed
+  // program, the build tree's library for the build tree's.
+  return std::string(kFallbackLibrary);
+}
+
+// The name this program was started as, for its usage lines.
+std::string ProgramName(const char* argv0) {
+  const std::string name = argv0 != nullptr ? argv0 : "";
+  const std::string base = name.substr(name.rfind('/') + 1);
+  return base.empty() ? kProgram : base;
 }
 
 }  // namespace
@@ -94,18 +104,22 @@ int main(int argc, char** argv) {
     close(null);
   }
 
+  const std::string usage = Usage(ProgramName(argc > 0 ? argv[0] : nullptr));
   Options options;
   if (!ParseOptions(argc, argv, options)) {
-    std::fputs(kUsage, stderr);
+    std::fputs(usage.c_str(), stderr);
     return kExitUsage;
   }
   // --help, --version and the manifest path are for a person: they go to
   // the real standard output.
-  if (options.help || options.version || !options.install_manifests.empty()) {
+  if (options.help || options.version || !options.install_manifests.empty() ||
+      !options.uninstall_manifests.empty()) {
     dup2(out, STDOUT_FILENO);
-    if (options.help) std::fputs(kUsage, stdout);
+    if (options.help) std::fputs(usage.c_str(), stdout);
     if (options.version) std::printf("tessmar-nm-host %s\n", TESSMAR_TOOL_VERSION);
-    return options.install_manifests.empty() ? kExitOk : InstallManifest(options);
+    if (!options.install_manifests.empty()) return InstallManifest(options);
+    if (!options.uninstall_manifests.empty()) return UninstallManifest(options);
+    return kExitOk;
   }
   if (in < 0 || out < 0) {
     std::fprintf(stderr, "tessmar-nm-host: no standard input or output\n");

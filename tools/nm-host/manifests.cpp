@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "file_write.h"
 #include "messages.h"
 
 namespace tessmar::nm {
@@ -22,21 +23,6 @@ std::string SelfPath() {
   char self[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   return n > 0 ? std::string(self, static_cast<std::size_t>(n)) : std::string();
-}
-
-// Writes `text` to `path` through a temporary file and a rename.
-bool WriteFileAtomically(const std::string& path, const std::string& text) {
-  const std::string temporary = path + ".tmp";
-  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                      0644);
-  if (fd < 0) return false;
-  bool ok = write(fd, text.data(), text.size()) ==
-            static_cast<ssize_t>(text.size());
-  ok = fsync(fd) == 0 && ok;
-  ok = close(fd) == 0 && ok;
-  if (ok && rename(temporary.c_str(), path.c_str()) == 0) return true;
-  unlink(temporary.c_str());
-  return false;
 }
 
 bool MakeDirectories(const std::string& path) {
@@ -57,18 +43,40 @@ bool IsChromiumId(const std::string& id) {
   return true;
 }
 
+// True for a browser this program writes manifests for; false after a
+// message otherwise.
+bool KnownBrowser(const std::string& browser, const char* option) {
+  if (browser == "firefox" || browser == "chromium" || browser == "chrome") {
+    return true;
+  }
+  std::fprintf(stderr,
+               "tessmar-nm-host: %s wants firefox, chromium or chrome, not "
+               "\"%s\"\n",
+               option, browser.c_str());
+  return false;
+}
+
+// The user's manifest directory of `browser`, or --dir; "" after a message
+// when neither is known.
+std::string ManifestDirectory(const std::string& browser, const Options& options) {
+  if (!options.dir.empty()) return options.dir;
+  const char* home = std::getenv("HOME");
+  if (home == nullptr || *home == '\0') {
+    std::fprintf(stderr, "tessmar-nm-host: HOME is not set; give --dir\n");
+    return std::string();
+  }
+  return std::string(home) +
+         (browser == "firefox"    ? "/.mozilla/native-messaging-hosts"
+          : browser == "chromium" ? "/.config/chromium/NativeMessagingHosts"
+                                  : "/.config/google-chrome/NativeMessagingHosts");
+}
+
 }  // namespace
 
 int InstallManifest(const Options& options) {
   const std::string& browser = options.install_manifests;
+  if (!KnownBrowser(browser, "--install-manifests")) return kExitUsage;
   const bool firefox = browser == "firefox";
-  if (!firefox && browser != "chromium" && browser != "chrome") {
-    std::fprintf(stderr,
-                 "tessmar-nm-host: --install-manifests wants firefox, "
-                 "chromium or chrome, not \"%s\"\n",
-                 browser.c_str());
-    return kExitUsage;
-  }
   std::string id = options.extension_id;
   if (id.empty()) id = firefox ? TESSMAR_NM_FIREFOX_ID : TESSMAR_NM_CHROMIUM_ID;
   if (!firefox && !IsChromiumId(id)) {
@@ -78,19 +86,8 @@ int InstallManifest(const Options& options) {
                  id.c_str());
     return kExitUsage;
   }
-  std::string dir = options.dir;
-  if (dir.empty()) {
-    const char* home = std::getenv("HOME");
-    if (home == nullptr || *home == '\0') {
-      std::fprintf(stderr, "tessmar-nm-host: HOME is not set; give --dir\n");
-      return kExitUsage;
-    }
-    dir = std::string(home) +
-          (firefox ? "/.mozilla/native-messaging-hosts"
-                   : browser == "chromium"
-                         ? "/.config/chromium/NativeMessagingHosts"
-                         : "/.config/google-chrome/NativeMessagingHosts");
-  }
+  const std::string dir = ManifestDirectory(browser, options);
+  if (dir.empty()) return kExitUsage;
   const std::string self = SelfPath();
   const std::string allowed =
       firefox ? "  \"allowed_extensions\": [" + Quote(id) + "]\n"
@@ -102,9 +99,46 @@ int InstallManifest(const Options& options) {
       "  \"path\": " + Quote(self) + ",\n" + "  \"type\": \"stdio\",\n" +
       allowed + "}\n";
   const std::string path = dir + "/" + kName + ".json";
-  if (!MakeDirectories(dir) || !WriteFileAtomically(path, manifest)) {
-    std::fprintf(stderr, "tessmar-nm-host: cannot write %s: %s\n", path.c_str(),
+  std::string error;
+  if (!MakeDirectories(dir)) {
+    error = dir + ": " + std::strerror(errno);
+  } else {
+    tessmar::tools::WriteFileAtomically(path, manifest, &error);
+  }
+  if (!error.empty()) {
+    std::fprintf(stderr, "tessmar-nm-host: cannot write the manifest: %s\n",
+                 error.c_str());
+    return kExitLoadFailed;
+  }
+  std::printf("%s\n", path.c_str());
+  return kExitOk;
+}
+
+int UninstallManifest(const Options& options) {
+  const std::string& browser = options.uninstall_manifests;
+  if (!KnownBrowser(browser, "--uninstall-manifests")) return kExitUsage;
+  const std::string dir = ManifestDirectory(browser, options);
+  if (dir.empty()) return kExitUsage;
+  const std::string path = dir + "/" + kName + ".json";
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) return kExitOk;  // nothing to remove
+    std::fprintf(stderr, "tessmar-nm-host: %s: %s\n", path.c_str(),
                  std::strerror(errno));
+    return kExitLoadFailed;
+  }
+  // --install-manifests writes a regular file; anything else is not ours.
+  if (!S_ISREG(info.st_mode)) {
+    std::fprintf(stderr,
+                 "tessmar-nm-host: %s is not a manifest this program wrote "
+                 "(%s); left in place\n",
+                 path.c_str(),
+                 S_ISLNK(info.st_mode) ? "a symbolic link" : "not a regular file");
+    return kExitLoadFailed;
+  }
+  if (unlink(path.c_str()) != 0) {
+    std::fprintf(stderr, "tessmar-nm-host: cannot remove %s: %s\n",
+                 path.c_str(), std::strerror(errno));
     return kExitLoadFailed;
   }
   std::printf("%s\n", path.c_str());

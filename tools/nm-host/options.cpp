@@ -1,15 +1,21 @@
 #include "options.h"
 
 #include <cstdio>
+#include <string>
 
 #include "messages.h"
 
 namespace tessmar::nm {
 
-const char kUsage[] =
+namespace {
+
+// "tessmar-nm-host" stands for the program's name in the usage lines.
+constexpr char kUsageTemplate[] =
     "usage: tessmar-nm-host [--library PATH] [--host] [CALLER...]\n"
     "       tessmar-nm-host --install-manifests firefox|chromium|chrome\n"
     "                       [--extension-id ID] [--dir DIR]\n"
+    "       tessmar-nm-host --uninstall-manifests firefox|chromium|chrome\n"
+    "                       [--dir DIR]\n"
     "       tessmar-nm-host --help | --version\n"
     "\n"
     "The native-messaging host " TESSMAR_NM_HOST_NAME
@@ -22,7 +28,7 @@ const char kUsage[] =
     "\n"
     "  --library PATH   the library to load (default: libTessmarFirefox.so\n"
     "                   beside this program, else in the \"Tessmar\" directory\n"
-    "                   of config.json, else the build tree's)\n"
+    "                   of config.json, else in " TESSMAR_NM_HOST_FALLBACK_DIR ")\n"
     "  --host           start the installation's host TessmarFirefox with\n"
     "                   tsmx_Startup and serve requests through it\n"
     "  --install-manifests BROWSER\n"
@@ -35,18 +41,35 @@ const char kUsage[] =
     "                   example extension, " TESSMAR_NM_FIREFOX_ID
     " in Firefox,\n"
     "                   " TESSMAR_NM_CHROMIUM_ID " in Chromium and Chrome)\n"
-    "  --dir DIR        write the manifest into DIR instead\n"
+    "  --uninstall-manifests BROWSER\n"
+    "                   remove the manifest --install-manifests wrote for\n"
+    "                   BROWSER, print its path and exit; a symbolic link or\n"
+    "                   other file that is not a manifest is left in place\n"
+    "  --dir DIR        use the manifest in DIR instead\n"
     "  -h, --help       show this text\n"
     "  --version        show the program's version\n"
     "\n"
     "exit status:\n"
-    "  0  standard input ended, or the manifest was written\n"
+    "  0  standard input ended, or the manifest was written or removed (or\n"
+    "     there was none to remove)\n"
     "  1  the library or one of its functions could not be loaded, or the\n"
-    "     manifest could not be written\n"
+    "     manifest could not be written or removed\n"
     "  2  bad arguments\n"
     "  3  --host, but the host executable is missing or not executable\n"
     "  4  --host, but tsmx_Startup failed or the host could not be started\n"
     "  5  standard output was closed by the browser\n";
+
+}  // namespace
+
+std::string Usage(const std::string& program) {
+  static const std::string kName = "tessmar-nm-host";
+  std::string text = kUsageTemplate;
+  for (std::size_t at = text.find(kName); at != std::string::npos;
+       at = text.find(kName, at + program.size())) {
+    text.replace(at, kName.size(), program);
+  }
+  return text;
+}
 
 bool ParseOptions(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
@@ -66,6 +89,7 @@ bool ParseOptions(int argc, char** argv, Options& options) {
     }
     std::string* value = arg == "--library"             ? &options.library
                          : arg == "--install-manifests" ? &options.install_manifests
+                         : arg == "--uninstall-manifests" ? &options.uninstall_manifests
                          : arg == "--extension-id"      ? &options.extension_id
                          : arg == "--dir"               ? &options.dir
                                                         : nullptr;
@@ -79,18 +103,30 @@ bool ParseOptions(int argc, char** argv, Options& options) {
     }
     *value = argv[++i];
   }
-  const bool manifest_only =
-      !options.extension_id.empty() || !options.dir.empty();
-  if (options.install_manifests.empty() && manifest_only) {
+  const bool installing = !options.install_manifests.empty();
+  const bool uninstalling = !options.uninstall_manifests.empty();
+  if (installing && uninstalling) {
     std::fprintf(stderr,
-                 "tessmar-nm-host: --extension-id and --dir go with "
+                 "tessmar-nm-host: --install-manifests and "
+                 "--uninstall-manifests exclude each other\n");
+    return false;
+  }
+  if (!installing && !options.extension_id.empty()) {
+    std::fprintf(stderr,
+                 "tessmar-nm-host: --extension-id goes with "
                  "--install-manifests\n");
     return false;
   }
-  if (!options.install_manifests.empty() &&
+  if (!installing && !uninstalling && !options.dir.empty()) {
+    std::fprintf(stderr,
+                 "tessmar-nm-host: --dir goes with --install-manifests or "
+                 "--uninstall-manifests\n");
+    return false;
+  }
+  if ((installing || uninstalling) &&
       (options.host || !options.library.empty())) {
     std::fprintf(stderr,
-                 "tessmar-nm-host: --install-manifests takes no --host or "
+                 "tessmar-nm-host: the manifest options take no --host or "
                  "--library; a manifest cannot pass options\n");
     return false;
   }

@@ -15,12 +15,15 @@ enum ExitStatus {
   kExitBrowserGone = 5,
 };
 
-extern const char kUsage[];
+// The help text, with `program` (the name this program was started as)
+// in its usage lines.
+std::string Usage(const std::string& program);
 
 struct Options {
   std::string library;  // empty: the default
   bool host = false;
-  std::string install_manifests;  // the browser, when asked for
+  std::string install_manifests;    // the browser, when asked for
+  std::string uninstall_manifests;  // the browser, when asked for
   std::string extension_id;
   std::string dir;
   bool help = false;

@@ -1,28 +1,26 @@
 // The file-system work of tessmar-sign: whole-file reads with a reason on
 // failure, atomic replacement of files, directory creation and the checks
-// made on a file before it is signed. Every function reports failure by
+// made on a file before it is signed. Files are opened without blocking
+// and only regular files are read. Every function reports failure by
 // returning false (or a non-empty reason) and never throws.
 #ifndef TESSMAR_TOOLS_SIGN_FILE_IO_H
 #define TESSMAR_TOOLS_SIGN_FILE_IO_H
 
 #include <string>
 
+#include "file_write.h"
+
 namespace tessmar::sign {
 
-// Reads the whole file at `path` into `data`. On failure sets `error` to
-// "<path>: <reason>". `missing` (optional) is set when the file does not
+// Reads the whole file at `path` into `data`: a regular file of at most
+// 1 MiB, opened without blocking. On failure sets `error` to
+// "<path>: <reason>" ("not a regular file", "too large (over 1 MiB)", ...). `missing` (optional) is set when the file does not
 // exist, so callers can tell "absent" from "unreadable".
 bool ReadWholeFile(const std::string& path, std::string* data,
                    std::string* error, bool* missing = nullptr);
 
-// Replaces the file at `path` by `data` so that readers see either the old
-// or the new content, never a mix: the data goes to a temporary file in the
-// same directory, which is synced and renamed over `path`. An existing file
-// keeps its permission mode (a symbolic link is followed and its target
-// replaced); a new file gets 0666 less the umask. On failure the old file
-// is untouched, the temporary file removed, and `error` says why.
-bool WriteFileAtomically(const std::string& path, const std::string& data,
-                         std::string* error);
+// Files are written as every tool writes them (tools/common/file_write.h).
+using tessmar::tools::WriteFileAtomically;
 
 // Creates `path` and any missing parents (mode 0755 less the umask).
 // An existing directory is fine; an existing non-directory is an error.

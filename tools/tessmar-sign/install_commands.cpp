@@ -4,6 +4,9 @@
 // as "Sig" in the config.json that the library itself reads (the header of
 // the library's signature file list); with a directory it covers the files
 // in that directory and goes to DIR/Tessmar.sig.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -48,16 +51,22 @@ std::vector<std::string> CoveredFiles(const std::string& dir) {
   return files;
 }
 
-// A covered file that is missing or empty is signed as absent, which is
-// legitimate (not every installation has every file) but worth a warning.
-// False when no covered file is present at all: that signs nothing and is
-// almost certainly the wrong directory.
-bool WarnAboutAbsentFiles(const std::string& dir) {
+// A covered file that is missing is signed as absent. That is expected
+// (not every installation has every file), so signing says nothing about it
+// and verifying lists it on standard output. A file present but unusable (empty, not a
+// regular file, unreadable) is signed as absent too, with a warning. False
+// when no covered file is present at all: that signs nothing and is almost
+// certainly the wrong directory.
+bool ReportAbsentFiles(const std::string& dir, bool mention_missing) {
   bool any_present = false;
   for (const std::string& file : CoveredFiles(dir)) {
     const std::string problem = SigningProblem(file);
     if (problem.empty()) {
       any_present = true;
+    } else if (access(file.c_str(), F_OK) != 0 && errno == ENOENT) {
+      if (mention_missing) {
+        std::printf("absent: %s\n", file.c_str());
+      }
     } else {
       std::fprintf(stderr, "tessmar-sign: warning: %s; signed as absent\n",
                    problem.c_str());
@@ -108,7 +117,7 @@ Outcome SignInstalled() {
     const std::string problem = SeparatorProblem(*path);
     if (!problem.empty()) return Failure(problem);
   }
-  if (!WarnAboutAbsentFiles(std::string())) {
+  if (!ReportAbsentFiles(std::string(), false)) {
     return Failure("none of the covered files exists in " + install);
   }
 
@@ -131,7 +140,7 @@ Outcome SignDirectory(const std::string& dir) {
   if (!IsDirectory(dir, &error)) return Failure(error);
   const std::string problem = SeparatorProblem(dir);
   if (!problem.empty()) return Failure(problem);
-  if (!WarnAboutAbsentFiles(dir)) {
+  if (!ReportAbsentFiles(dir, false)) {
     return Failure("none of the covered files exists in " + dir);
   }
   std::string digest;
@@ -161,6 +170,7 @@ Outcome VerifyInstalled() {
   }
   // The verdict is the library's own check; the rest explains a failure.
   if (CheckModuleSignature()) {
+    ReportAbsentFiles(std::string(), true);
     std::printf("installation %s: signature valid\n",
                 GetTessmarInstallPath().c_str());
     return Success();
@@ -173,6 +183,7 @@ Outcome VerifyInstalled() {
   JsonTree tree;
   std::string error;
   if (!LoadJsonObject(config, &tree, &error)) return Failure(error);
+  ReportAbsentFiles(std::string(), true);
   const std::string stored = StringValue(*tree.root(), "Sig");
   if (stored.empty()) return Invalid(config + " holds no \"Sig\" signature");
   std::string digest;
@@ -187,6 +198,7 @@ Outcome VerifyInstalled() {
 Outcome VerifyDirectory(const std::string& dir) {
   std::string error;
   if (!IsDirectory(dir, &error)) return Failure(error);
+  ReportAbsentFiles(dir, true);
   std::string digest;
   std::string header;
   if (!ComputeSignature(dir, &digest, &header, &error)) return Failure(error);

@@ -1,0 +1,130 @@
+// Files no installation holds where the loader reads (a FIFO, a link to a
+// device, an oversized JSON file) read as unreadable: requests and lookups
+// come back at once with the answer a missing or mismatching file gets.
+// Each scenario runs in a child process with a memory limit and a timeout,
+// so a reader that blocks or reads without end fails the test instead of
+// hanging it.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <ostream>
+#include <string>
+
+#include "support/isolated_process.h"
+#include "support/module_sandbox.h"
+#include "tessmar/config.h"
+#include "tessmar/modhost.h"
+#include "tessmar/signature.h"
+
+namespace {
+
+using namespace tessmar::testing;
+
+constexpr int kTimeoutSeconds = 5;
+constexpr std::size_t kMemoryHeadroom = std::size_t{256} << 20;
+
+std::string Request(const std::string& module) {
+  const std::string request =
+      R"({"cmd":"native","id":"8","tabid":"t","callback":"c","module":")" + module + "\"}";
+  return process_request(nullptr, request.c_str(), static_cast<int>(request.size()), nullptr);
+}
+
+std::string Answer(int status) {
+  return BuildReplyEnvelope("8", "t", status, "{}", "c");
+}
+
+// Runs `scenario` isolated and requires it to be over within a second.
+::testing::AssertionResult Promptly(const std::function<void()>& scenario) {
+  return RunIsolated(
+      [&] {
+        const auto start = std::chrono::steady_clock::now();
+        scenario();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+      },
+      kTimeoutSeconds, kMemoryHeadroom);
+}
+
+// A module file "odd.json" that cannot be read as one.
+struct OddModuleFile {
+  const char* what;
+  std::function<void(const std::string& path)> make;
+};
+
+void PrintTo(const OddModuleFile& file, std::ostream* out) { *out << file.what; }
+
+class OddModuleFileTest : public ::testing::TestWithParam<OddModuleFile> {};
+
+TEST_P(OddModuleFileTest, ReadsAsAMissingModuleFile) {
+  ModuleSandbox s;
+  s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
+  const std::string path = s.home.ConfigDir() + "/odd.json";
+  GetParam().make(path);
+  EXPECT_TRUE(Promptly([&] {
+    EXPECT_EQ(Request("odd"), Answer(REPLY_FALSE));
+    EXPECT_EQ(GetClientInstallPathModule("odd", true), "");
+    EXPECT_EQ(GetClientVersion("odd"), "");
+    EXPECT_EQ(LoadQxClient("odd", nullptr), QX_LOAD_OPEN_FAILED);
+    EXPECT_EQ(Request("rec"), BuildReplyEnvelope("8", "t", REPLY_TRUE,
+                                                 R"({"from":"a","call":1})", "c"));
+  }));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, OddModuleFileTest,
+    ::testing::Values(
+        OddModuleFile{"Fifo", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); }},
+        OddModuleFile{"LinkToDevZero",
+                      [](const std::string& path) { ASSERT_EQ(symlink("/dev/zero", path.c_str()), 0); }},
+        OddModuleFile{"OverOneMebibyte",
+                      [](const std::string& path) {
+                        WriteFile(path, R"({"Name":"odd","Path":"/x","Version":"1.0.0.1"})" +
+                                            std::string(1 << 20, ' '));
+                      }}),
+    [](const ::testing::TestParamInfo<OddModuleFile>& info) { return std::string(info.param.what); });
+
+TEST(UnusualFiles, ModuleLibraryThatIsAFifoFailsItsSignature) {
+  ModuleSandbox s;
+  const std::string fifo = s.home.path() + "/module.so";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  // Signed as the fixture is, so only the file's kind can make it fail.
+  const std::string sig = SignedInstallation::ModuleSignature(FIXTURE_RECORDING_A_PATH);
+  s.install.WriteModuleFile("odd", fifo, sig);
+  EXPECT_TRUE(Promptly([&] {
+    EXPECT_EQ(Request("odd"), Answer(REPLY_BLOCK_CLIENT));
+    EXPECT_EQ(GetClientInstallPathModule("odd", true), "BLOCK:CLIENT");
+    EXPECT_FALSE(CheckQXClientModuleSignature(fifo.c_str(), sig.c_str()));
+    EXPECT_EQ(ReadFileData(fifo), "");
+  }));
+}
+
+TEST(UnusualFiles, ConfigJsonThatIsAFifoReadsAsMissing) {
+  ModuleSandbox s;
+  s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
+  const std::string config = s.home.ConfigDir() + "/config.json";
+  ASSERT_EQ(std::remove(config.c_str()), 0);
+  ASSERT_EQ(mkfifo(config.c_str(), 0600), 0);
+  EXPECT_TRUE(Promptly([&] {
+    EXPECT_EQ(GetTessmarInstallPath(), "");
+    EXPECT_EQ(GetCurrentVersion(nullptr), "");
+    EXPECT_FALSE(CheckModuleSignature());
+    EXPECT_EQ(Request("rec"), Answer(REPLY_BLOCK_QX));
+  }));
+}
+
+TEST(UnusualFiles, InstallationFileThatIsAFifoFailsTheSignature) {
+  ModuleSandbox s;
+  s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
+  const std::string covered = s.install.install_dir() + "/TessmarChrome";
+  ASSERT_EQ(std::remove(covered.c_str()), 0);
+  ASSERT_EQ(mkfifo(covered.c_str(), 0600), 0);
+  EXPECT_TRUE(Promptly([&] {
+    EXPECT_FALSE(CheckModuleSignature());
+    EXPECT_EQ(Request("rec"), Answer(REPLY_BLOCK_QX));
+  }));
+}
+
+}  // namespace
