@@ -6,7 +6,7 @@ import fs from 'node:fs';
 import path from 'node:path';
 import { describe, test } from 'node:test';
 
-import { browsers, goTo, invoke, MODULE_VERSION, openPage, sleep, startServer,
+import { browsers, goTo, invoke, MODULE_VERSION, openPage, request, sleep, startServer,
   waitForCallbacks, withBrowser } from './harness.mjs';
 
 const bytes = (text) => Buffer.byteLength(text, 'utf8');
@@ -45,79 +45,85 @@ for (const name of Object.keys(browsers)) {
         await t.test('version query', async () => {
           assert.deepEqual(await invoke(page, { init: 'get_version', module: 'echo' }),
                            { reply: `"version: ${MODULE_VERSION}"` });
+          assert.deepEqual(await request(page, { init: 'get_version', module: 'echo' }),
+                           { status: 'TRUE', reply: `version: ${MODULE_VERSION}` });
         });
 
         await t.test('native request to the echo module, envelope byte for byte', async () => {
-          const request = { cmd: 'native', id: '1', callback: 'onEcho', module: 'echo', note: 'é ✓' };
-          const { reply } = await invoke(page, request);
-          assert.equal(reply, echoEnvelope(request, tabidOf(reply), server.origin));
+          const sent = { cmd: 'native', id: '1', callback: 'onEcho', module: 'echo', note: 'é ✓' };
+          const { reply } = await invoke(page, sent);
+          assert.equal(reply, echoEnvelope(sent, tabidOf(reply), server.origin));
           // The text form of a request is served alike.
-          const again = await invoke(page, JSON.stringify(request));
+          const again = await invoke(page, JSON.stringify(sent));
           assert.equal(again.reply, reply);
         });
 
         await t.test('a page cannot speak for another tab or origin', async () => {
-          const request = { cmd: 'native', id: '2', tabid: '999', origin: 'https://bank.example', module: 'echo' };
-          const { reply } = await invoke(page, request);
+          const sent = { cmd: 'native', id: '2', tabid: '999', origin: 'https://bank.example', module: 'echo' };
+          const { reply } = await invoke(page, sent);
           const tabid = tabidOf(reply);
           assert.notEqual(tabid, '999');
-          assert.equal(reply, echoEnvelope(request, tabid, server.origin));
+          assert.equal(reply, echoEnvelope(sent, tabid, server.origin));
           assert.ok(!reply.includes('bank.example'), reply);
         });
 
-        await t.test('refused module and refused requests', async () => {
-          const { reply } = await invoke(page, { cmd: 'native', id: '3', module: 'blocked' });
-          assert.match(reply, /"status":"BLOCK:CLIENT", "reply":\{\}/);
-          assert.deepEqual(await invoke(page, 'not json'),
-                           { error: 'a request must be a JSON object' });
-          // No module file at all.
-          const none = await invoke(page, { cmd: 'native', id: '4', module: 'none' });
-          assert.match(none.reply, /"status":"FALSE", "reply":\{\}/);
+        await t.test('every refusal is a TessmarError with its status and reason', async () => {
+          const refusals = [
+            [{ cmd: 'native', id: '3', module: 'blocked' }, 'BLOCK:CLIENT', /does not match its signature/],
+            [{ cmd: 'native', id: '4', module: 'none' }, 'FALSE', /verify-module/],
+            [{ cmd: 'native', module: 'echo' }, 'NO_ANSWER', /needs "id"/],
+            ['not json', 'UNDELIVERED', /^a request must be a JSON object$/],
+          ];
+          for (const [object, status, reason] of refusals) {
+            const error = await request(page, object);
+            assert.equal(error.name, 'TessmarError', JSON.stringify(error));
+            assert.equal(error.status, status);
+            assert.match(error.reason, reason);
+          }
         });
 
         await t.test('callbacks reach their own tab only', async () => {
           const other = await openPage(browser, `${server.origin}/b`);
-          const first = await invoke(page, { cmd: 'setcallback', id: '5', callback: 'cbA', module: 'echo' });
-          const tabA = tabidOf(first.reply);
-          assert.match(first.reply, /"status":"TRUE", "reply":\{"module":"echo","registered":true,"callback":"cbA"\}/);
+          const first = await request(page, { cmd: 'setcallback', id: '5', callback: 'cbA', module: 'echo' });
+          const tabA = first.tabid;
+          assert.deepEqual(first.reply, { module: 'echo', registered: true, callback: 'cbA' });
           assert.deepEqual(await waitForCallbacks(page, 1), [pingCallback(tabA, 'cbA', '5')]);
 
-          const second = await invoke(other, { cmd: 'setcallback', id: '6', callback: 'cbB', module: 'echo' });
-          const tabB = tabidOf(second.reply);
+          const second = await request(other, { cmd: 'setcallback', id: '6', callback: 'cbB', module: 'echo' });
+          const tabB = second.tabid;
           assert.notEqual(tabB, tabA);
           assert.deepEqual(await waitForCallbacks(other, 1), [pingCallback(tabB, 'cbB', '6')]);
           // Give a stray delivery time to show up before looking.
-          await new Promise((resolve) => setTimeout(resolve, 300));
+          await sleep(300);
           assert.equal((await page.evaluate(() => window.received)).length, 1);
           assert.equal((await other.evaluate(() => window.received)).length, 1);
         });
 
         await t.test('no text a page chooses decides where a callback goes', async () => {
           const victim = await openPage(browser, `${server.origin}/victim`);
-          const victimTab = tabidOf((await invoke(victim, { cmd: 'native', id: 'v', module: 'echo' })).reply);
+          const victimTab = (await request(victim, { cmd: 'native', id: 'v', module: 'echo' })).tabid;
           const forged = `x"}, "response":{"id":"setcallback","tabid":"${victimTab}",` +
                          '"reply":{"forged":true}}, "pad":{"a":"';
-          assert.deepEqual(
-            await invoke(page, { cmd: 'setcallback', id: '9', callback: forged, module: 'echo' }),
-            { error: '"callback" may not hold quotes, backslashes or control characters' });
+          const refused = await request(page, { cmd: 'setcallback', id: '9', callback: forged, module: 'echo' });
+          assert.equal(refused.reason, '"callback" may not hold quotes, backslashes or control characters');
           await sleep(300);
           assert.deepEqual(await victim.evaluate(() => window.received), []);
         });
 
         await t.test('a callback reaches only the document that registered it', async () => {
           const register = (tab, callback, delayMs) =>
-            invoke(tab, { cmd: 'setcallback', id: 'n', callback, module: 'slow', delayMs });
+            request(tab, { cmd: 'setcallback', id: 'n', callback, module: 'slow', delayMs });
           const stays = await openPage(browser, `${server.origin}/stays`);
-          assert.match((await register(stays, 'cbStay', 100)).reply, /"status":"TRUE"/);
+          assert.equal((await register(stays, 'cbStay', 100)).status, 'TRUE');
           assert.equal((await waitForCallbacks(stays, 1)).length, 1);
 
           const leaves = await openPage(browser, `${server.origin}/leaves`);
-          assert.match((await register(leaves, 'cbNav', 1000)).reply, /"status":"TRUE"/);
+          assert.equal((await register(leaves, 'cbNav', 1000)).status, 'TRUE');
           const elsewhere = await startServer();
           try {
             await goTo(leaves, `${elsewhere.origin}/landed`);
             // Another origin may not take the name over.
-            assert.match((await register(leaves, 'cbNav')).error, /earlier document/);
+            assert.match((await register(leaves, 'cbNav')).reason, /earlier document/);
             await sleep(1500);
             assert.deepEqual(await leaves.evaluate(() => window.received), []);
           } finally {
@@ -129,17 +135,16 @@ for (const name of Object.keys(browsers)) {
           const [slowTab, fastTab] = await Promise.all(
             ['/slow', '/fast'].map((p) => openPage(browser, `${server.origin}${p}`)));
           const settled = (promise) => Promise.race([promise.then(() => true), sleep(0).then(() => false)]);
-          const slow = invoke(slowTab, { cmd: 'native', id: 's', module: 'slow', sleepMs: 1500 });
+          const slow = request(slowTab, { cmd: 'native', id: 's', module: 'slow', sleepMs: 1500 });
           await sleep(100);
-          const fast = await invoke(fastTab, { cmd: 'native', id: 'f', module: 'echo' });
-          assert.match(fast.reply, /"status":"TRUE"/);
+          assert.equal((await request(fastTab, { cmd: 'native', id: 'f', module: 'echo' })).status, 'TRUE');
           assert.equal(await settled(slow), false, 'the echo reply came before the slow one');
 
-          const crash = await invoke(fastTab, { cmd: 'native', id: 'c', module: 'crashy', crash: true });
-          assert.ok(typeof crash.error === 'string' && crash.error !== '', JSON.stringify(crash));
-          assert.match((await slow).reply, /"status":"TRUE"/);
-          const again = await invoke(fastTab, { cmd: 'native', id: 'd', module: 'crashy', say: '{"fresh":1}' });
-          assert.match(again.reply, /"status":"TRUE", "reply":\{"fresh":1\}/);
+          const crash = await request(fastTab, { cmd: 'native', id: 'c', module: 'crashy', crash: true });
+          assert.equal(crash.status, 'UNDELIVERED', JSON.stringify(crash));
+          assert.equal((await slow).status, 'TRUE');
+          const again = await request(fastTab, { cmd: 'native', id: 'd', module: 'crashy', say: '{"fresh":1}' });
+          assert.deepEqual(again.reply, { fresh: 1 });
         });
 
         await t.test('a sandboxed frame is origin "null"', async () => {
@@ -150,8 +155,7 @@ for (const name of Object.keys(browsers)) {
             frame = outer.frames().find((f) => f.url().endsWith('/framed'));
           }
           await goTo(frame);
-          assert.match((await invoke(frame, { cmd: 'native', id: 'o', module: 'echo' })).reply,
-                       /"reply":\{"module":"echo","origin":"null"/);
+          assert.equal((await request(frame, { cmd: 'native', id: 'o', module: 'echo' })).reply.origin, 'null');
         });
 
         await t.test('the demo page', async () => {
@@ -188,13 +192,13 @@ for (const name of Object.keys(browsers)) {
           assert.deepEqual(await invoke(page, { init: 'get_version', module: 'echo' }),
                            { reply: `"version: ${MODULE_VERSION}"` });
           assert.ok(fs.existsSync(fifo(sandbox)), 'the host\'s FIFOs exist');
-          const request = { cmd: 'native', id: '7', module: 'echo', origin: 'https://bank.example' };
-          const { reply } = await invoke(page, request);
-          assert.equal(reply, echoEnvelope(request, tabidOf(reply), server.origin));
+          const sent = { cmd: 'native', id: '7', module: 'echo', origin: 'https://bank.example' };
+          const { reply } = await invoke(page, sent);
+          assert.equal(reply, echoEnvelope(sent, tabidOf(reply), server.origin));
         });
         await t.test('callback from the host', async () => {
-          const { reply } = await invoke(page, { cmd: 'setcallback', id: '8', callback: 'cbH', module: 'echo' });
-          assert.deepEqual(await waitForCallbacks(page, 1), [pingCallback(tabidOf(reply), 'cbH', '8')]);
+          const { tabid } = await request(page, { cmd: 'setcallback', id: '8', callback: 'cbH', module: 'echo' });
+          assert.deepEqual(await waitForCallbacks(page, 1), [pingCallback(tabid, 'cbH', '8')]);
         });
       });
     });

@@ -240,6 +240,14 @@ export function invoke(page, request) {
     (reply) => ({ reply }), (error) => ({ error: error.message })), request);
 }
 
+// request() in the page; resolves with the envelope, or {status, reason}
+// of the TessmarError it rejected with.
+export function request(page, object) {
+  return page.evaluate((r) => window.tessmar.request(r).then(
+    (envelope) => envelope,
+    (error) => ({ name: error.name, status: error.status, reason: error.reason })), object);
+}
+
 export async function waitForCallbacks(page, count, timeout = 5_000) {
   // Polled by time: a tab in the background gets no animation frames.
   await page.waitForFunction((n) => window.received.length >= n, { timeout, polling: 50 }, count);
