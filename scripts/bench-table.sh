@@ -25,7 +25,7 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
 cmake --build "$build" >/dev/null
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
-for bench in crypto_bench signature_bench inprocess_bench host_roundtrip_bench; do
+for bench in crypto_bench signature_bench inprocess_bench host_roundtrip_bench nm_host_bench; do
   "$build/bench/$bench" --benchmark_filter="$filter" \
     --benchmark_repetitions="$repetitions" \
     --benchmark_enable_random_interleaving=true \
@@ -35,12 +35,19 @@ done
 python3 - "$results" <<'PY'
 import glob, json, re, sys
 anchors = [("/ours", "/openssl"), ("/tsmx_Invoke", "/json_parse_and_copy"),
-           ("/tsmx_Invoke", "/fifo_pingpong")]
+           ("/tsmx_Invoke", "/fifo_pingpong"), ("/adapter", "/minimal_host")]
 medians = {}
+wakeups = {}
 for path in sorted(glob.glob(sys.argv[1] + "/*.json")):
-    for b in json.load(open(path))["benchmarks"]:
-        if b.get("aggregate_name") == "median":
-            name = re.sub(r"(/real_time)?_median$", "", b["run_name"])
+    try:
+        runs = json.load(open(path))["benchmarks"]
+    except ValueError:  # the filter matched nothing in this program
+        continue
+    for b in runs:
+        name = re.sub(r"(/iterations:\d+)?(/real_time|/manual_time)?(_median)?$", "", b["run_name"])
+        if "wakeups_per_second" in b and b.get("run_type") == "iteration":
+            wakeups.setdefault(name, []).append(b["wakeups_per_second"])
+        elif b.get("aggregate_name") == "median" and "wakeups_per_second" not in b:
             scale = {"ns": 1, "us": 1e3, "ms": 1e6}[b["time_unit"]]
             medians[name] = b["real_time"] * scale
 def show(ns):
@@ -54,4 +61,19 @@ for name in sorted(medians):
             case = name.replace(mine, "")
             print("| %s | %s | %s | %.2f |" % (case, show(medians[name]), show(other),
                                               medians[name] / other))
+paired = set()
+for name in medians:
+    for mine, theirs in anchors:
+        if mine in name and name.replace(mine, theirs) in medians:
+            paired |= {name, name.replace(mine, theirs)}
+alone = [name for name in sorted(medians) if name not in paired]
+if alone or wakeups:
+    print()
+    print("| figure | median |")
+    print("|---|---:|")
+    for name in alone:
+        print("| %s | %s |" % (name, show(medians[name])))
+    for name in sorted(wakeups):
+        counts = sorted(wakeups[name])
+        print("| %s, wake-ups per second | %g |" % (name, counts[len(counts) // 2]))
 PY
