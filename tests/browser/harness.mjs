@@ -107,6 +107,21 @@ export function makeSandbox(browser, { hostMode = false } = {}) {
   return { dir, home, install, configDir, profile, env };
 }
 
+// A temporary HOME and profile for a browser that reaches the installed
+// package through its system manifests: nothing is written but the
+// user's module file for the installed echo module.
+export function makeInstalledSandbox(browser) {
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), `tessmar-installed-${browser}-`));
+  const home = path.join(dir, 'home');
+  fs.mkdirSync(home);
+  const env = { ...process.env, HOME: home };
+  const echo = execFileSync('dpkg', ['-L', 'tessmar'], { encoding: 'utf8' })
+    .split('\n').find((file) => file.endsWith('/libtessmar_echo_module.so'));
+  execFileSync('tessmar-sign', ['module', 'echo', echo, '--version', MODULE_VERSION],
+               { env, stdio: 'pipe' });
+  return { dir, home, profile: path.join(dir, 'profile'), env };
+}
+
 // Serves the demo page under /demo/ and a blank page at every other path,
 // so that each tab can have a page of its own on one origin.
 export async function startServer() {
@@ -184,7 +199,8 @@ async function launch(browser, sandbox) {
 // then closes the browser and kills what it started; fails when the whole
 // session takes longer than SESSION_LIMIT_MS.
 export async function withBrowser(browserName, options, body) {
-  const sandbox = makeSandbox(browserName, options);
+  const sandbox = options.installed
+    ? makeInstalledSandbox(browserName) : makeSandbox(browserName, options);
   const server = await startServer();
   let browser;
   let timer;

@@ -1,0 +1,34 @@
+// The installed Debian package as a user meets it: the browsers find the
+// adapter through the package's system manifests alone. Runs when the
+// package is installed (scripts/browser-test.sh --installed DEB does that).
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import fs from 'node:fs';
+import { describe, test } from 'node:test';
+
+import { browsers, openPage, request, withBrowser } from './harness.mjs';
+
+function installed() {
+  try {
+    return execFileSync('dpkg-query', ['-W', '-f=${Status}', 'tessmar'],
+                        { encoding: 'utf8', stdio: 'pipe' }).includes('install ok installed');
+  } catch {
+    return false;
+  }
+}
+
+const skip = !installed() && 'the tessmar package is not installed';
+
+for (const name of Object.keys(browsers)) {
+  const missing = !fs.existsSync(browsers[name].executable) && `${name} is not installed`;
+  describe(`${name}, installed package`, { skip: skip || missing }, () => {
+    test('a page reaches the installed echo module', async () => {
+      await withBrowser(name, { installed: true }, async ({ browser, server }) => {
+        const page = await openPage(browser, `${server.origin}/installed`);
+        const envelope = await request(page, { cmd: 'native', id: 'i', module: 'echo' });
+        assert.equal(envelope.status, 'TRUE', JSON.stringify(envelope));
+        assert.equal(envelope.reply.origin, server.origin);
+      });
+    });
+  });
+}
