@@ -8,10 +8,26 @@
 #ifndef TESSMAR_MODHOST_H
 #define TESSMAR_MODHOST_H
 
+#include <cstdlib>
 #include <string>
 
 #include "tessmar/export.h"
 #include "tessmar/module.h"
+
+namespace tessmar {
+
+// The host-function table of a host that gives modules malloc and free:
+// version 1, 48 bytes, revision 2, and `send_callback` as SendCallback.
+// Modules keep a pointer to the table while they are loaded.
+inline QXHostFuncs MakeHostFuncs(int (*send_callback)(const char* tabid,
+                                                      const void* reserved,
+                                                      const char* callback,
+                                                      const char* reply)) {
+  return QXHostFuncs{1, sizeof(QXHostFuncs), 2, std::malloc, std::free,
+                     send_callback};
+}
+
+}  // namespace tessmar
 
 // Results of LoadQxClient.
 enum QxLoadResult {

@@ -2,6 +2,7 @@
 #include <cstdlib>
 
 #include "bridge/bridge_state.h"
+#include "tessmar/modhost.h"
 
 namespace tessmar::bridge {
 
@@ -20,7 +21,6 @@ pthread_t g_CallbackThread;
 std::deque<std::string>& g_CallbackData = *new std::deque<std::string>;
 std::mutex& mutex = *new std::mutex;
 
-QXHostFuncs g_bridgeHostFuncs = {1, 48, 2, std::malloc, std::free,
-                                 PushSetCallbackReply};
+QXHostFuncs g_bridgeHostFuncs = tessmar::MakeHostFuncs(PushSetCallbackReply);
 
 }  // namespace tessmar::bridge

@@ -38,7 +38,7 @@ extern pthread_t g_CallbackThread;
 extern std::deque<std::string>& g_CallbackData;
 extern std::mutex& mutex;
 
-// Version 1, size 48, revision 2, malloc, free, PushSetCallbackReply.
+// MakeHostFuncs(PushSetCallbackReply): malloc, free and the callback queue.
 extern QXHostFuncs g_bridgeHostFuncs;
 
 // Appends a message to the back of the queue under the lock.

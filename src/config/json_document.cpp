@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "config/regular_file.h"
+#include "bytes/regular_file.h"
 
 namespace tessmar {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "config/regular_file.h"
+#include "bytes/regular_file.h"
 #include "tessmar/config.h"
 #include "tessmar/modhost.h"
 #include "tessmar/signature.h"
@@ -35,8 +35,7 @@ char* CopyName(const char* name) {
 
 std::map<char*, QxClientList*> g_mapClient;
 
-QXHostFuncs g_defaultHostFuncs = {1, 48, 2, std::malloc, std::free,
-                                  IgnoreCallback};
+QXHostFuncs g_defaultHostFuncs = MakeHostFuncs(IgnoreCallback);
 
 }  // namespace tessmar
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "config/regular_file.h"
+#include "bytes/regular_file.h"
 #include "tessmar/digest.h"
 #include "tessmar/signature.h"
 

@@ -252,7 +252,11 @@ TEST(NmHostTest, KeepsEveryMessageWithinTheProtocolsLimits) {
           // Input that ends inside a message ends the adapter cleanly.
           Request(4, "{}").substr(0, 10));
   EXPECT_EQ(0, session.exit_code);
-  ASSERT_EQ(7u, session.messages.size());
+  ASSERT_EQ(7u, session.messages.size()) << [&] {
+    std::string all;
+    for (const std::string& m : session.messages) all += m.substr(0, 100) + "\n";
+    return all + session.err;
+  }();
   EXPECT_EQ(kMiB, session.messages[0].size());
   EXPECT_EQ(R"({"seq":1,"error":"reply too large"})", session.messages[1]);
   EXPECT_EQ(Envelope("2", "{}"), Text(session.messages[2], "reply"));

@@ -46,8 +46,7 @@ constexpr char kUsage[] =
     "     stop message, or a reply could not be written\n";
 
 // Modules keep a pointer to this table for as long as they are loaded.
-QXHostFuncs g_hostFuncs = {1, 48, 2, std::malloc, std::free,
-                           tessmar::host::SendCallback};
+QXHostFuncs g_hostFuncs = tessmar::MakeHostFuncs(tessmar::host::SendCallback);
 
 // Opens a FIFO, blocking until the library opens the other end. Close-on-exec
 // so that programs started by modules do not hold the pipes open, which

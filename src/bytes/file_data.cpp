@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <string>
 
-#include "config/regular_file.h"
+#include "bytes/regular_file.h"
 #include "tessmar/signature.h"
 
 std::string ReadFileData(std::string path) {

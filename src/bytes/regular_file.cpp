@@ -2,7 +2,7 @@
 // byte is read. No legitimate installation has a FIFO, a device or an
 // oversized file where the library reads, so these checks narrow behaviour
 // only for such files: they read as unreadable, as a missing file does.
-#include "config/regular_file.h"
+#include "bytes/regular_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

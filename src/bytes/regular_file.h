@@ -2,8 +2,8 @@
 // files, module files, module libraries and the installation's files.
 // Only regular files are read, and never beyond their size, so a FIFO, a
 // device or a link to one cannot block a request or feed it without end.
-#ifndef TESSMAR_SRC_CONFIG_REGULAR_FILE_H
-#define TESSMAR_SRC_CONFIG_REGULAR_FILE_H
+#ifndef TESSMAR_SRC_BYTES_REGULAR_FILE_H
+#define TESSMAR_SRC_BYTES_REGULAR_FILE_H
 
 #include <sys/types.h>
 
@@ -30,4 +30,4 @@ bool IsReadableRegularFile(const std::string& path);
 
 }  // namespace tessmar
 
-#endif  // TESSMAR_SRC_CONFIG_REGULAR_FILE_H
+#endif  // TESSMAR_SRC_BYTES_REGULAR_FILE_H
