@@ -1,6 +1,7 @@
 // The callback queue, tsmx_Pop/tsmx_Free and the bridge's host table. The
 // queue lives for the whole process: each test drains it first.
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -71,6 +72,32 @@ TEST_F(CallbackQueue, HostTableQueuesAndTheResponseCallbackIsNeverCalled) {
   PushSetCallbackReply("t", nullptr, "c", "{}");
   EXPECT_NE(PopText(), "");
   tsmx_SetResponseCallback(nullptr);
+}
+
+// The descriptor's level follows the queue, also for what was queued before
+// it was first asked for, and also across an empty text in the queue.
+TEST_F(CallbackQueue, DescriptorIsReadableExactlyWhileSomethingIsQueued) {
+  const auto readable = [] {
+    pollfd wait{tsmx_CallbackDescriptor(), POLLIN, 0};
+    return poll(&wait, 1, 0) == 1;
+  };
+  QueueCallback("before");
+  const int fd = tsmx_CallbackDescriptor();
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(fd, tsmx_CallbackDescriptor());
+  EXPECT_TRUE(readable());
+  QueueCallback("");
+  QueueCallback("after");
+  EXPECT_EQ(PopText(), "before");
+  EXPECT_TRUE(readable());
+  EXPECT_EQ(PopText(), "");
+  EXPECT_TRUE(readable());
+  EXPECT_EQ(PopText(), "after");
+  EXPECT_FALSE(readable());
+  EXPECT_EQ(PopText(), "");
+  EXPECT_FALSE(readable());
+  PushSetCallbackReply("t", nullptr, "c", "{}");
+  EXPECT_TRUE(readable());
 }
 
 // Module threads may still call back while the process runs its exit
