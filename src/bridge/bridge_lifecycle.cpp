@@ -110,7 +110,7 @@ int tsmx_Startup(void) {
 void tsmx_End(void) {
   if (!set_Startup) return;
 
-  const uint32_t stop = 0;
+  const FrameLength stop = 0;  // the stop message
   if (write(w_fifo, &stop, sizeof stop) < 0) {
     // The host is gone; nothing else to tell it.
   }

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string>
 
-#include "bridge/fifo_names.h"
+#include "tessmar/host_protocol.h"
 #include "tessmar/module.h"
 
 namespace tessmar::bridge {
@@ -57,7 +57,7 @@ void* ReadCallbackThread(void* unused);
 // mkdir -p with mode 0755; drops one trailing "/" from `path` in place.
 bool CreateDirectories(std::string& path);
 
-// The directory of the three FIFOs (names in fifo_names.h), with a
+// The directory of the three FIFOs (names in tessmar/host_protocol.h), with a
 // trailing "/".
 std::string FifoDirectory();
 

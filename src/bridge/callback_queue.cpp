@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "bridge/bridge_state.h"
-#include "bridge/set_callback_message.h"
+#include "tessmar/host_protocol.h"
 #include "tessmar/bridge.h"
 
 namespace tessmar::bridge {

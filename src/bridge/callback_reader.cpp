@@ -16,7 +16,7 @@ void* ReadCallbackThread(void* /*unused*/) {
   // A partial length keeps the previous message's remaining length bytes.
   uint64_t length = 0;
   while (cb_loop != 0) {
-    const ssize_t got = read(cb_fifo, &length, 4);
+    const ssize_t got = read(cb_fifo, &length, kFrameHeaderSize);
     // The fsync goes to the reply FIFO's descriptor, as it always has; its
     // errno (EINVAL, or EBADF once closed) is what a failed read is judged by,
     // so a failed read in practice ends the thread.

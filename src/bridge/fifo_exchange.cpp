@@ -22,7 +22,9 @@ char* ExchangeWithHost(const char* request) {
   // One 64-bit variable carries the request's length and then receives the
   // reply's: a read of the length replaces only its low-order bytes.
   uint64_t length = std::strlen(request);
-  if (write(w_fifo, &length, 4) < 4) return nullptr;
+  if (write(w_fifo, &length, kFrameHeaderSize) < static_cast<ssize_t>(kFrameHeaderSize)) {
+    return nullptr;
+  }
   // A failed body write (-1) compares as the largest unsigned value and so
   // passes: the reply is read as usual.
   if (static_cast<uint64_t>(write(w_fifo, request, length)) < length) {
@@ -31,7 +33,7 @@ char* ExchangeWithHost(const char* request) {
   fsync(w_fifo);  // no effect on a FIFO; kept for parity with the host side
 
   for (;;) {
-    const ssize_t got = read(r_fifo, &length, 4);
+    const ssize_t got = read(r_fifo, &length, kFrameHeaderSize);
     // errno is examined after this fsync, which on a FIFO fails with EINVAL:
     // end of file and read errors are therefore retried without end.
     fsync(r_fifo);

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "bridge/bridge_state.h"
-#include "bridge/local_answer.h"
+#include "tessmar/local_answer.h"
 #include "modhost/request_processing.h"
 #include "tessmar/bridge.h"
 #include "tessmar/modhost.h"

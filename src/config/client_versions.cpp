@@ -5,7 +5,7 @@
 #include <string>
 
 #include "config/build_identity.h"
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "config/module_file.h"
 #include "tessmar/config.h"
 

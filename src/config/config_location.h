@@ -4,12 +4,9 @@
 
 #include <string>
 
-namespace tessmar {
+#include "tessmar/host_protocol.h"
 
-// Appended to HOME for the user's configuration directory, which also holds
-// the bridge's FIFOs.
-inline constexpr char kUserConfigSubdirectory[] =
-    "/.config/Pelmora/Tessmar/morrowhost";
+namespace tessmar {
 // The system directory this build was configured with; the library itself
 // takes it from its build identity (config/build_identity.h), which tests
 // can replace.

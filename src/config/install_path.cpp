@@ -1,7 +1,7 @@
 // The framework's installation directory, as config.json names it.
 #include <string>
 
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "tessmar/config.h"
 
 std::string GetTessmarInstallPath() {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "tessmar/config.h"
 
 namespace tessmar {

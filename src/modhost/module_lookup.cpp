@@ -2,7 +2,7 @@
 // the loader, only once the library matches the module file's "Sig".
 #include <string>
 
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "config/module_file.h"
 #include "tessmar/config.h"
 #include "tessmar/signature.h"

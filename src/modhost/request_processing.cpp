@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "modhost/reply_envelope.h"
 #include "modhost/request_processing.h"
 #include "tessmar/modhost.h"

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "tessmar/module.h"
 
 namespace tessmar {

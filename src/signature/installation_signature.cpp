@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "config/build_identity.h"
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "tessmar/config.h"
 #include "tessmar/digest.h"
 #include "tessmar/signature.h"

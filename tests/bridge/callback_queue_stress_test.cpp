@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bridge/bridge_state.h"
-#include "bridge/set_callback_message.h"
+#include "tessmar/host_protocol.h"
 #include "support/bridge_calls.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "bridge/bridge_state.h"
-#include "bridge/set_callback_message.h"
+#include "tessmar/host_protocol.h"
 #include "support/bridge_calls.h"
 #include "support/isolated_process.h"
 #include "support/module_sandbox.h"

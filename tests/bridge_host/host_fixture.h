@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "bridge/fifo_names.h"
+#include "tessmar/host_protocol.h"
 #include "config/config_location.h"
 #include "support/bridge_calls.h"
 #include "support/isolated_process.h"

@@ -1,6 +1,6 @@
 // The reference host must answer as the in-process path does and carry
 // module callbacks to tsmx_Pop.
-#include "bridge/set_callback_message.h"
+#include "tessmar/host_protocol.h"
 #include "bridge_host/host_fixture.h"
 #include "support/signed_installation.h"
 #include "tessmar/modhost.h"

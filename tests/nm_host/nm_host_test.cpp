@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "bridge_host/host_fixture.h"
-#include "config/json_document.h"
+#include "config/json_file.h"
 #include "messages.h"
 #include "support/signed_installation.h"
 #include "tessmar/modhost.h"

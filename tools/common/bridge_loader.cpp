@@ -10,8 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bridge/fifo_names.h"
-#include "config/config_location.h"
+#include "tessmar/host_protocol.h"
 
 namespace tessmar::tools {
 namespace {

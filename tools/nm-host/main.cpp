@@ -15,12 +15,13 @@
 #include <string>
 
 #include "bridge_loader.h"
-#include "config/config_location.h"
-#include "config/json_document.h"
+#include "config_directory.h"
 #include "fallback_library.h"
 #include "manifests.h"
 #include "options.h"
+#include "posix_io.h"
 #include "server.h"
+#include "tessmar/json_document.h"
 
 namespace {
 
@@ -54,15 +55,14 @@ bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 // The "Tessmar" directory of the configuration file the library reads: the
 // user's config.json when it exists, else the system one.
 std::string ConfiguredInstallDir() {
-  const char* home = std::getenv("HOME");
-  std::string path = home != nullptr ? std::string(home) +
-                                           tessmar::kUserConfigSubdirectory +
-                                           "/config.json"
-                                     : std::string();
+  const std::string user = tessmar::tools::UserConfigDirectory();
+  std::string path = user.empty() ? user : user + "/config.json";
   if (path.empty() || !Exists(path)) {
-    path = std::string(tessmar::kSystemConfigDirectory) + "/config.json";
+    path = std::string(tessmar::tools::kSystemConfigDirectory) + "/config.json";
   }
-  return tessmar::ReadJsonFile(path).String("Tessmar");
+  std::string text;
+  tessmar::tools::ReadRegularFile(path, 1 << 20, &text);
+  return tessmar::JsonDocument(text).String("Tessmar");
 }
 
 std::string DefaultLibrary() {

@@ -13,6 +13,7 @@
 
 #include "file_write.h"
 #include "messages.h"
+#include "posix_io.h"
 
 namespace tessmar::nm {
 namespace {
@@ -25,14 +26,6 @@ std::string SelfPath() {
   return n > 0 ? std::string(self, static_cast<std::size_t>(n)) : std::string();
 }
 
-bool MakeDirectories(const std::string& path) {
-  for (std::size_t at = 1; at != std::string::npos;) {
-    at = path.find('/', at + 1);
-    const std::string prefix = path.substr(0, at);
-    if (mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  }
-  return true;
-}
 
 // A Chromium extension id: 32 letters a to p.
 bool IsChromiumId(const std::string& id) {
@@ -100,7 +93,7 @@ int InstallManifest(const Options& options) {
       allowed + "}\n";
   const std::string path = dir + "/" + kName + ".json";
   std::string error;
-  if (!MakeDirectories(dir)) {
+  if (!tools::MakeDirectories(dir)) {
     error = dir + ": " + std::strerror(errno);
   } else {
     tessmar::tools::WriteFileAtomically(path, manifest, &error);

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "config/json_document.h"
+#include "tessmar/json_document.h"
 
 namespace tessmar::nm {
 namespace {

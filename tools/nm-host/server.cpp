@@ -9,33 +9,17 @@
 #include <cstring>
 #include <string>
 
+#include "frame.h"
 #include "messages.h"
 #include "options.h"
+#include "posix_io.h"
 
 namespace tessmar::nm {
 namespace {
 
 // Reads exactly `size` bytes; false at end of input or on an error.
 bool ReadExactly(int fd, char* buffer, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = read(fd, buffer, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    buffer += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-bool WriteAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
+  return tools::ReadFully(fd, buffer, size) == static_cast<ssize_t>(size);
 }
 
 class Server {
@@ -73,9 +57,7 @@ class Server {
   // Reads and answers one message; false at the end of the input.
   bool ServeOneMessage() {
     std::uint32_t length = 0;
-    if (!ReadExactly(in_, reinterpret_cast<char*>(&length), sizeof length)) {
-      return false;
-    }
+    if (tools::ReadFrameLength(in_, length) != tools::FrameRead::kMessage) return false;
     if (length > kMaxIncoming) return SkipOversized(length);
     body_.resize(length);
     if (!ReadExactly(in_, &body_[0], length)) {
@@ -158,10 +140,8 @@ class Server {
 
   void Send(const std::string& message) {
     if (browser_gone_) return;
-    const std::uint32_t length = static_cast<std::uint32_t>(message.size());
-    frame_.assign(reinterpret_cast<const char*>(&length), sizeof length);
-    frame_ += message;
-    if (!WriteAll(out_, frame_.data(), frame_.size())) {
+    const std::string frame = tools::Frame(message);
+    if (!tools::WriteFully(out_, frame.data(), frame.size())) {
       std::fprintf(stderr, "tessmar-nm-host: cannot write to the browser: %s\n",
                    std::strerror(errno));
       browser_gone_ = true;
@@ -175,8 +155,7 @@ class Server {
   const int in_;
   const int out_;
   const bool host_;
-  std::string body_;   // the message being read
-  std::string frame_;  // the message being written, with its length
+  std::string body_;  // the message being read
   bool browser_gone_ = false;
 };
 

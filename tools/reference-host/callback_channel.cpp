@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "bridge/set_callback_message.h"
+#include "tessmar/host_protocol.h"
 #include "framed_pipe.h"
 
 namespace tessmar::host {

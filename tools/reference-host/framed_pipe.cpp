@@ -10,24 +10,10 @@
 #include <cstring>
 #include <limits>
 
+#include "posix_io.h"
+
 namespace tessmar::host {
 namespace {
-
-// Reads exactly `size` bytes unless the pipe ends first. Returns the count
-// read (less than `size` only at end of file) or -1 on a read error.
-ssize_t ReadFully(int fd, char* buffer, size_t size) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t got = read(fd, buffer + done, size - done);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (got == 0) break;
-    done += static_cast<size_t>(got);
-  }
-  return static_cast<ssize_t>(done);
-}
 
 // One write call, repeated only when it was interrupted before writing
 // anything (then nothing reached the pipe and the frame is still intact).
@@ -81,7 +67,7 @@ bool MakeRoomForMessage(int fd, std::size_t body_size) {
 ReadResult ReadMessage(int fd, std::string& body, const char* pipe_name) {
   uint32_t length = 0;
   const ssize_t got =
-      ReadFully(fd, reinterpret_cast<char*>(&length), sizeof length);
+      tools::ReadFully(fd, &length, sizeof length);
   if (got == 0) return ReadResult::kEndOfFile;
   if (got != static_cast<ssize_t>(sizeof length)) {
     if (got < 0) {
@@ -97,7 +83,7 @@ ReadResult ReadMessage(int fd, std::string& body, const char* pipe_name) {
 
   body.assign(length, '\0');
   if (length == 0) return ReadResult::kMessage;
-  const ssize_t body_got = ReadFully(fd, &body[0], length);
+  const ssize_t body_got = tools::ReadFully(fd, &body[0], length);
   if (body_got != static_cast<ssize_t>(length)) {
     if (body_got < 0) {
       std::fprintf(stderr, "TessmarFirefox: cannot read the %s pipe: %s\n",

@@ -13,11 +13,11 @@
 #include <cstring>
 #include <string>
 
-#include "bridge/fifo_names.h"
 #include "callback_channel.h"
-#include "config/config_location.h"
 #include "framed_pipe.h"
+#include "posix_io.h"
 #include "request_answer.h"
+#include "tessmar/host_protocol.h"
 #include "tessmar/modhost.h"
 #include "tessmar/module.h"
 
@@ -52,10 +52,7 @@ QXHostFuncs g_hostFuncs = tessmar::MakeHostFuncs(tessmar::host::SendCallback);
 // so that programs started by modules do not hold the pipes open, which
 // would keep the library from seeing end of file when this host exits.
 int OpenFifo(const std::string& path, int flags) {
-  int fd;
-  do {
-    fd = open(path.c_str(), flags | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR);
+  const int fd = tessmar::tools::OpenRetrying(path.c_str(), flags | O_CLOEXEC);
   if (fd < 0) {
     std::fprintf(stderr, "TessmarFirefox: cannot open %s: %s\n", path.c_str(),
                  std::strerror(errno));

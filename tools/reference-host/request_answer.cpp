@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "bridge/local_answer.h"
+#include "tessmar/local_answer.h"
 #include "tessmar/modhost.h"
 
 namespace tessmar::host {

@@ -1,16 +1,16 @@
 // Answering a request without a separate host: the two version queries from
 // the configuration, every other request through the module host. Shared by
 // tsmx_Invoke's in-process route and the reference host, so both answer
-// byte for byte alike. Header-only: the reference host links only the
-// library's exported functions (plus its own copy of JsonDocument).
-#ifndef TESSMAR_SRC_BRIDGE_LOCAL_ANSWER_H
-#define TESSMAR_SRC_BRIDGE_LOCAL_ANSWER_H
+// byte for byte alike. Header-only: a host needs only the library's
+// exported functions.
+#ifndef TESSMAR_LOCAL_ANSWER_H
+#define TESSMAR_LOCAL_ANSWER_H
 
 #include <cstddef>
 #include <string>
 
-#include "config/json_document.h"
 #include "tessmar/config.h"
+#include "tessmar/json_document.h"
 
 namespace tessmar::bridge {
 
@@ -59,4 +59,4 @@ inline std::string AnswerLocally(const char* request, std::size_t length,
 
 }  // namespace tessmar::bridge
 
-#endif  // TESSMAR_SRC_BRIDGE_LOCAL_ANSWER_H
+#endif  // TESSMAR_LOCAL_ANSWER_H
