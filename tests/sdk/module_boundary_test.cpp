@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -31,13 +32,15 @@ int RecordCallback(const char* tabid, const void*, const char* callback,
 }
 
 QXHostFuncs g_host = {1, 48, 2, std::malloc, std::free, RecordCallback};
+QxClientFuncs g_table;
 
 // The module, loaded and initialised as LoadQxClient does.
 QxClientFuncs* Load() {
   void* handle = dlopen(SDK_BOUNDARY_MODULE, RTLD_LAZY);
   if (handle == nullptr) return nullptr;
   auto initialize = reinterpret_cast<QxInitializeFunc>(dlsym(handle, "Initialize"));
-  auto* funcs = static_cast<QxClientFuncs*>(std::malloc(sizeof(QxClientFuncs)));
+  QxClientFuncs* funcs = &g_table;
+  std::memset(funcs, 0xa5, sizeof *funcs);  // the host does not clear it
   if (initialize == nullptr || initialize(funcs) != 0) return nullptr;
   funcs->SetHostFuncs(&g_host);
   g_request_thread = std::this_thread::get_id();
