@@ -12,12 +12,13 @@ configure_package_config_file(
   ${CMAKE_CURRENT_LIST_DIR}/TessmarConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/TessmarConfig.cmake
   INSTALL_DESTINATION ${TESSMAR_CMAKE_DIR}
-  PATH_VARS TESSMAR_INSTALL_DIR)
+  PATH_VARS TESSMAR_INSTALL_DIR CMAKE_INSTALL_BINDIR)
 write_basic_package_version_file(
   ${CMAKE_CURRENT_BINARY_DIR}/TessmarConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/TessmarConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/TessmarConfigVersion.cmake
+              ${CMAKE_CURRENT_LIST_DIR}/TessmarModule.cmake
   DESTINATION ${TESSMAR_CMAKE_DIR})
 
 # pkg-config --cflags --libs tessmar. The prefix is the one installed into,
@@ -40,13 +41,16 @@ add_custom_command(OUTPUT ${TESSMAR_CHANGELOG}
 add_custom_target(tessmar_changelog ALL DEPENDS ${TESSMAR_CHANGELOG})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${TESSMAR_CHANGELOG}
   ${PROJECT_SOURCE_DIR}/README.md
+  ${PROJECT_SOURCE_DIR}/docs/first-module.md
+  ${PROJECT_SOURCE_DIR}/docs/refusals.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar)
-# The example module's sources and the example extension, to start from.
-install(FILES
-  ${PROJECT_SOURCE_DIR}/examples/echo_module/CMakeLists.txt
-  ${PROJECT_SOURCE_DIR}/examples/echo_module/echo_module.cpp
-  ${PROJECT_SOURCE_DIR}/examples/echo_module/echo_module.map
-  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar/examples/echo_module)
+# The example modules' sources and the example extension, to start from.
+foreach(example echo_module echo_module_c clock_module)
+  file(GLOB sources ${PROJECT_SOURCE_DIR}/examples/${example}/*.c*)
+  install(FILES ${PROJECT_SOURCE_DIR}/examples/${example}/CMakeLists.txt
+    ${sources}
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar/examples/${example})
+endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/extension/
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar/examples/extension)
 

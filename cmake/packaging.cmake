@@ -15,12 +15,16 @@ over named pipes, or answers them in-process through its own module host,
 which verifies signed client modules before loading them.
 .
 This package holds the library and the host in /usr/lib/<triplet>/tessmar,
-the signing tool tessmar-sign, the driver tessmar-drive, the headers, a
-CMake package and a pkg-config file, and an example client module.")
+the signing tool tessmar-sign, the driver tessmar-drive, the headers and
+the C++ module SDK, a CMake package and a pkg-config file, and example
+client modules with a guide to writing one.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Building a module with the SDK (Tessmar::Module) needs these.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS
+  "cmake, g++, pkg-config, libjsonparser-dev, rapidjson-dev")
 # tessmar-sign links the library from the package's own private directory.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   "${CMAKE_BINARY_DIR}/src")

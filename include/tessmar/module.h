@@ -15,6 +15,33 @@
  * through FreeString at once. They must be JSON values (an object, usually):
  * they are inserted into the envelope as they stand.
  *
+ * Threads. Invoke and SetCallback are called on the host's request thread,
+ * one request at a time; FreeString follows on the same thread. The host's
+ * SendCallback may be called from any thread of the module, from
+ * SetHostFuncs until Terminate returns, and never afterwards.
+ *
+ * Unloading. Terminate is called once when the host unloads its modules (the
+ * browser adapter, the reference host and tessmar-drive do so before they
+ * exit); the library is dlclose()d right afterwards, so every thread the
+ * module started must have ended when Terminate returns.
+ *
+ * Exit. A host may also never unload: the process then simply exits and
+ * Terminate is never called. The module's static destructors (or a function
+ * marked __attribute__((destructor))) run instead and must stop and join
+ * its threads; a std::thread still joinable when it is destroyed aborts the
+ * process.
+ *
+ * The callback name. SetCallback receives the page's tab but not the name
+ * of its callback function: that is the "callback" string member of the
+ * request text, which the module reads itself (the top-level member, first
+ * match, as the host reads it) and passes to SendCallback.
+ *
+ * Exceptions must not leave any entry point: the host is C.
+ *
+ * In C++, include/tessmar/module.hpp does all of this for a class with
+ * `invoke` and `set_callback`; examples/echo_module_c is a module written
+ * against this header alone.
+ *
  * Both tables are shared with modules already built: slots are never moved
  * or reused; new members may only be appended.
  */

@@ -1,21 +1,47 @@
 #!/usr/bin/env bash
-# Builds against an installed prefix the way consumers do: the example module
-# with find_package(Tessmar), a small program once with find_package and once
-# with pkg-config; runs the program and checks what it prints.
+# Builds against an installed prefix the way consumers do: a small program
+# once with find_package and once with pkg-config, and the SDK's modules (the
+# clock and the echo module in C++, the echo module in C) with
+# tessmar_add_module. The modules are signed with their -sign targets in a
+# temporary HOME whose config.json names the prefix's installation, and are
+# answered in-process and through the host by tessmar-drive and by the
+# browser adapter TessmarChrome.
 #   consumer_test.sh PREFIX SOURCE_DIR WORK_DIR
-set -euxo pipefail
+set -euo pipefail
 prefix=$1 source=$2 work=$3
 rm -rf "$work"
 expected="ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad
 ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=
 signature ok"
-for project in examples/echo_module tests/packaging/consumer; do
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+export HOME="$work/home"
+mkdir -p "$HOME"
+install_dir=$(dirname "$(find "$prefix" -name libTessmarFirefox.so | head -n 1)")
+config_dir="$HOME/.config/Pelmora/Tessmar/morrowhost"
+mkdir -p "$config_dir"
+printf '{"Tessmar": "%s", "Version": "1.0.0.0"}\n' "$install_dir" >"$config_dir/config.json"
+"$prefix/bin/tessmar-sign" install >/dev/null
+
+for project in tests/packaging/consumer examples/clock_module examples/echo_module \
+               examples/echo_module_c; do
   cmake -S "$source/$project" -B "$work/$project" -G Ninja \
     -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
   cmake --build "$work/$project" >/dev/null
 done
-nm -D --defined-only "$work/examples/echo_module/libtessmar_echo_module.so" |
-  grep -qw Initialize
+for pair in clock_module:clock echo_module:tessmar_echo_module \
+            echo_module_c:tessmar_echo_module_c; do
+  cmake --build "$work/examples/${pair%%:*}" --target "${pair#*:}-sign" >/dev/null
+done
+# Each module exports Initialize and nothing else, and links no bridge library.
+for module in $(find "$work/examples" -name 'lib*.so'); do
+  [ "$(nm -D --defined-only "$module" | awk '{print $3}')" = Initialize ] ||
+    fail "$module exports more than Initialize"
+  ! ldd "$module" | grep -q libTessmarFirefox || fail "$module links the library"
+done
+for name in clock echo echo_c; do
+  "$prefix/bin/tessmar-sign" verify-module "$name" >/dev/null
+done
 [ "$("$work/tests/packaging/consumer/consumer")" = "$expected" ]
 
 pc_dir=$(dirname "$(find "$prefix" -name tessmar.pc | head -n 1)")
@@ -23,3 +49,50 @@ flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs tessmar)
 # shellcheck disable=SC2086
 c++ -std=c++17 -o "$work/pkg-consumer" "$source/tests/packaging/consumer/consumer.cpp" $flags
 [ "$("$work/pkg-consumer")" = "$expected" ]
+
+# The modules' answers, the same through every route. The echo modules in
+# C++ and C answer byte for byte alike.
+native() { printf '{"cmd":"native","id":"%s","tabid":"t","module":"%s","origin":"https://a.example","pad":"q\\"\\u0001"}' "$1" "$2"; }
+setcallback() { printf '{"cmd":"setcallback","id":"%s","tabid":"t","callback":"cb","module":"%s"}' "$1" "$2"; }
+echo_reply() {  # ID MODULE: the envelope of an echo module's answer to native ID MODULE
+  local request length
+  request=$(native "$1" "$2")
+  length=$(printf '%s' "$request" | wc -c)
+  printf '"reply":{"module":"echo","origin":"https://a.example","id":"%s","length":%s}' "$1" "$length"
+}
+contains() { grep -qF -- "$2" <<<"$1" || fail "$3: no '$2' in: $1"; }
+for mode in "" --host; do
+  route="tessmar-drive ${mode:-in-process}"
+  out=$("$prefix/bin/tessmar-drive" $mode --wait-ms 1300 "$(native 1 clock)" "$(setcallback 2 clock)" \
+    "$(native 3 echo)" "$(setcallback 4 echo)" "$(native 5 echo_c)" "$(setcallback 6 echo_c)" 2>&1)
+  contains "$out" '"status":"TRUE", "reply":{"now":' "$route clock"
+  contains "$out" '"reply":{"registered":true}' "$route clock setcallback"
+  contains "$out" '"callback":"cb", "reply":{"now":' "$route clock callback"
+  for pair in "3 echo" "5 echo_c"; do
+    set -- $pair
+    contains "$out" "$(echo_reply "$1" "$2")" "$route $2"
+    contains "$out" "\"reply\":{\"module\":\"echo\",\"event\":\"ping\",\"id\":\"$(($1 + 1))\"}" "$route $2 callback"
+  done
+  contains "$out" '"reply":{"module":"echo","registered":true,"callback":"cb"}' "$route setcallback"
+  [ "$(grep -c '"callback":"cb", "reply":' <<<"$out")" -eq 3 ] || fail "$route: three callbacks: $out"
+done
+
+# The adapter speaks native messaging: 32-bit length, then the JSON text.
+frame() {
+  local n
+  n=$(printf '%s' "$1" | LC_ALL=C wc -c)
+  printf "$(printf '\\%03o\\%03o\\%03o\\%03o' $((n & 255)) $((n >> 8 & 255)) $((n >> 16 & 255)) $((n >> 24 & 255)))"
+  printf '%s' "$1"
+}
+for mode in "" --host; do
+  route="TessmarChrome ${mode:-in-process}"
+  out=$( { frame "{\"seq\":1,\"request\":$(native 1 clock | sed 's/["\\]/\\&/g; s/.*/"&"/')}"
+           frame "{\"seq\":2,\"request\":$(native 2 echo_c | sed 's/["\\]/\\&/g; s/.*/"&"/')}"
+           sleep 1; } | timeout 30 "$install_dir/TessmarChrome" $mode | LC_ALL=C tr -c '[:print:]' '\n')
+  contains "$out" "{\"mode\":\"$([ -n "$mode" ] && echo host || echo in-process)\"}" "$route mode"
+  contains "$out" '{"seq":1,"reply":' "$route clock"
+  contains "$out" '\"reply\":{\"now\":' "$route clock"
+  contains "$out" "{\"seq\":2,\"reply\":" "$route echo_c"
+  contains "$out" '\"id\":\"2\",\"length\":' "$route echo_c"
+done
+echo "consumer test passed"

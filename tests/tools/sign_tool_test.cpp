@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <functional>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "config/config_location.h"
+#include "support/signed_installation.h"
 #include "support/temp_home.h"
 #include "tessmar/config.h"
 #include "tessmar/signature.h"
@@ -123,10 +126,6 @@ TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
   const std::string file = home_.path() + "/mod/libdemo.so";
   EXPECT_EQ(GetClientInstallPathModule("demo", true), file);
   EXPECT_EQ(GetClientVersion("demo"), "1.0.0.2");
-  ExpectExit({"verify-module", "demo"}, 0);
-  // --system shows what the library sees without HOME: the system directory alone.
-  ExpectExit({"verify-module", "--system", "demo"}, 2,
-             std::string("no demo.json in ") + tessmar::kSystemConfigDirectory + "\n");
   Tamper(file);
   ExpectExit({"verify-module", "demo"}, 1, "module 'demo': signature does not match " + file);
 
@@ -264,6 +263,85 @@ TEST_F(SignToolTest, AbsentFilesAreSignedQuietlyAndListedOnVerify) {
   EXPECT_NE(verifying.out.find("absent: " + install + "/libnpTessmarPlugin.so\n"),
             std::string::npos)
       << verifying.out;
+}
+
+// verify-module makes the loader's checks in the loader's order and names
+// the first that fails, with the answer pages get.
+TEST_F(SignToolTest, VerifyModuleNamesTheLoadersFirstRefusal) {
+  using tessmar::testing::SignedInstallation;
+  struct Case {
+    const char* what;
+    std::function<void(const SignedInstallation&, TempHome&)> arrange;
+    int status;
+    std::vector<std::string> words;
+  };
+  const std::string not_a_library = "#!/bin/sh\necho not a library\n";
+  const Case cases[] = {
+      {"a working module", [](auto& install, auto&) {
+         install.AddModule("demo", FIXTURE_RECORDING_A_PATH); },
+       0, {}},
+      {"no module file", [](auto&, auto&) {}, 2, {"no demo.json in ", "pages get FALSE"}},
+      {"no \"Path\"", [](auto&, auto& home) {
+         home.WriteConfig("demo.json", R"({"Name":"demo","Sig":"x"})"); },
+       2, {"has no \"Path\" string", "pages get FALSE"}},
+      {"no \"Sig\"", [](auto& install, auto&) {
+         install.WriteModuleFile("demo", FIXTURE_RECORDING_A_PATH, ""); },
+       1, {"holds no \"Sig\"", "pages get BLOCK:CLIENT"}},
+      {"a changed module", [](auto& install, auto&) {
+         Tamper(install.AddModuleCopy("demo", FIXTURE_RECORDING_A_PATH)); },
+       1, {"signature does not match", "pages get BLOCK:CLIENT"}},
+      {"a missing module library", [](auto& install, auto& home) {
+         install.WriteModuleFile("demo", home.path() + "/gone.so", "QUJD"); },
+       1, {"gone.so", "pages get BLOCK:CLIENT"}},
+      // The client signature is checked before the installation's.
+      {"a changed installation", [](auto& install, auto&) {
+         install.AddModule("demo", FIXTURE_RECORDING_A_PATH);
+         install.Tamper(); },
+       1, {"installation signature", "does not match", "pages get BLOCK:QX"}},
+      {"not a library", [&not_a_library](auto& install, auto& home) {
+         install.AddModule("demo", home.WriteHomeFile("libdemo.so", not_a_library)); },
+       1, {"libdemo.so: cannot be loaded: ", "pages get FALSE"}},
+      {"no Initialize", [](auto& install, auto&) {
+         install.AddModule("demo", FIXTURE_NO_INITIALIZE_PATH); },
+       1, {"exports no Initialize", "pages get FALSE"}},
+      {"Initialize fails", [](auto& install, auto&) {
+         install.AddModule("demo", FIXTURE_FAILING_INITIALIZE_PATH); },
+       1, {"Initialize returned 3", "pages get FALSE"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempHome home;
+    const SignedInstallation install(home);
+    c.arrange(install, home);
+    std::string command = "exec timeout -s KILL 60 " + Quote(TESSMAR_SIGN_TOOL) +
+                          " verify-module demo 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string output;
+    char buffer[512];
+    for (std::size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+    const int status = pclose(pipe);
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, c.status) << output;
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
+    if (c.status != 0) {
+      EXPECT_EQ(output.rfind("tessmar-sign: module 'demo': ", 0), 0u) << output;
+    }
+    for (const std::string& words : c.words) {
+      EXPECT_NE(output.find(words), std::string::npos) << words << " in " << output;
+    }
+  }
+}
+
+TEST_F(SignToolTest, VerifyInstallNamesTheChangedFiles) {
+  const std::string install = MakeInstallation("opt/tessmar");
+  home_.WriteConfig("config.json", "{\"Tessmar\": \"" + install + "\"}");
+  ExpectExit({"install"}, 0);
+  Tamper(install + "/TessmarChrome");
+  const Result verifying = RunTool({"verify-install"});
+  EXPECT_EQ(verifying.status, 1);
+  EXPECT_NE(verifying.err.find("changed since signing: " + install + "/TessmarChrome\n"),
+            std::string::npos)
+      << verifying.err;
 }
 
 }  // namespace

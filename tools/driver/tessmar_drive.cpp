@@ -39,7 +39,7 @@ constexpr char kUsage[] =
     "standard input. Each reply is printed on a line of its own, \"<null>\"\n"
     "when there is none. After each request, and once more at the end, the\n"
     "callback queue is drained with tsmx_Pop and every message is printed as\n"
-    "\"callback: TEXT\".\n"
+    "\"callback: TEXT\". At the end the loaded modules are unloaded.\n"
     "\n"
     "  --library PATH  the library to load (default: the installed one,\n"
     "                  " TESSMAR_DRIVE_INSTALLED " relative to this\n"
@@ -209,6 +209,9 @@ int main(int argc, char** argv) {
   }
   DrainCallbacks(bridge);
   if (options.host) bridge.End();
+  // As the browser adapter and the reference host do: every module's
+  // Terminate runs, so module threads end before the process does.
+  bridge.Unload();
   std::cout.flush();
   return kExitOk;
 }

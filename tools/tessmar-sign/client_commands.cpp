@@ -11,6 +11,7 @@
 #include "json_file.h"
 #include "tessmar/config.h"
 #include "tessmar/signature.h"
+#include "trial_load.h"
 
 namespace tessmar::sign {
 namespace {
@@ -127,46 +128,89 @@ Outcome VerifyClient(const std::string& file, const std::string& signature) {
   return Success();
 }
 
-Outcome VerifyModule(const std::string& name) {
-  const std::string problem = ModuleNameProblem(name);
-  if (!problem.empty()) return Failure(problem);
+namespace {
+
+// How long the trial load may take before it counts as hanging.
+constexpr int kTrialLoadTimeoutMs = 10000;
+
+// Why module `name`'s file gives the loader no path (the status word FALSE).
+Outcome NoModulePath(const std::string& name, const std::string& config) {
   const std::string subject = Quoted(name) + ": ";
-  const std::string config = _GetModuleConfigPath(name.c_str());
   if (config.empty()) {
-    return Failure(subject + "no " + name + ".json in " +
-                   SearchedDirectories());
+    return Failure(subject + "no " + name + ".json in " + SearchedDirectories() +
+                   "; pages get FALSE");
   }
-
-  // The verdict is the library's own lookup; what follows only explains a
-  // refusal.
-  const std::string path = GetClientInstallPathModule(name.c_str(), true);
-  if (!path.empty() && path != kBlockClient) {
-    std::printf("%ssignature valid for %s\n", subject.c_str(), path.c_str());
-    return Success();
+  JsonTree tree;
+  std::string error;
+  if (!LoadJsonObject(config, &tree, &error)) {
+    return Failure(subject + error + "; pages get FALSE");
   }
+  for (const char* key : {"Name", "Path"}) {
+    if (StringValue(*tree.root(), key).empty()) {
+      return Failure(subject + config + " has no \"" + key +
+                     "\" string, so the library ignores it; pages get FALSE");
+    }
+  }
+  // The library could not use a file that reads fine here: it changed
+  // between the two reads.
+  return Failure(subject + config + " changed while it was being checked");
+}
 
+// Why the module file's signature fails (BLOCK:CLIENT).
+Outcome BadModuleSignature(const std::string& name, const std::string& config) {
+  const std::string subject = Quoted(name) + ": ";
+  const std::string suffix = "; pages get BLOCK:CLIENT";
   JsonTree tree;
   std::string error;
   if (!LoadJsonObject(config, &tree, &error)) return Failure(subject + error);
   const std::string module_file = StringValue(*tree.root(), "Path");
   const std::string signature = StringValue(*tree.root(), "Sig");
-  for (const char* key : {"Name", "Path"}) {
-    if (StringValue(*tree.root(), key).empty()) {
-      return Failure(subject + config + " has no \"" + key +
-                     "\" string, so the library ignores it");
-    }
-  }
   if (signature.empty()) {
-    return Invalid(subject + config + " holds no \"Sig\" signature");
+    return Invalid(subject + config + " holds no \"Sig\" signature" + suffix);
   }
   const std::string file_problem = SigningProblem(module_file);
-  if (!file_problem.empty()) return Failure(subject + file_problem);
-  if (path.empty()) {
-    // The library could not use a file that reads fine here: it changed
-    // between the two reads.
-    return Failure(subject + config + " changed while it was being checked");
+  if (!file_problem.empty()) return Invalid(subject + file_problem + suffix);
+  Outcome mismatch =
+      Mismatch(subject, signature, "\"Sig\" in " + config, module_file);
+  mismatch.reason += suffix;
+  return mismatch;
+}
+
+}  // namespace
+
+Outcome VerifyModule(const std::string& name) {
+  const std::string problem = ModuleNameProblem(name);
+  if (!problem.empty()) return Failure(problem);
+  const std::string subject = Quoted(name) + ": ";
+  const std::string config = _GetModuleConfigPath(name.c_str());
+
+  // The loader's checks, in LoadQxClient's order; the first failing one is
+  // the page's answer.
+  // 1. The module file's client signature, through the library's own lookup.
+  const std::string path = GetClientInstallPathModule(name.c_str(), true);
+  if (path == kBlockClient) return BadModuleSignature(name, config);
+  // 2. The installation signature.
+  Outcome installation = InstallationProblem();
+  if (installation.status != kExitOk) {
+    installation.reason =
+        subject + installation.reason + "; pages get BLOCK:QX";
+    return installation;
   }
-  return Mismatch(subject, signature, "\"Sig\" in " + config, module_file);
+  // 3. A module file naming a library.
+  if (path.empty()) return NoModulePath(name, config);
+  // 4. A regular file dlopen() can read.
+  const std::string file_problem = SigningProblem(path);
+  if (!file_problem.empty()) {
+    return Invalid(subject + file_problem + "; pages get FALSE");
+  }
+  // 5. dlopen, Initialize and its return value.
+  const std::string load_problem = TrialLoadProblem(path, kTrialLoadTimeoutMs);
+  if (!load_problem.empty()) {
+    return Invalid(subject + path + ": " + load_problem + "; pages get FALSE");
+  }
+  std::printf("%ssignature valid for %s; loads and initializes\n",
+              subject.c_str(), path.c_str());
+  return Success();
 }
 
 }  // namespace tessmar::sign

@@ -44,6 +44,8 @@ Outcome VerifyModule(const std::string& name);
 // files in `dir` into dir/Tessmar.sig.
 Outcome SignInstallation(const std::string& dir);
 Outcome VerifyInstallation(const std::string& dir);
+// Why the library refuses the installed files, or Success(); prints nothing.
+Outcome InstallationProblem();
 
 // --- Local server (server_commands.cpp) ----------------------------------
 

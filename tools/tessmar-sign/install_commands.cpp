@@ -75,6 +75,48 @@ bool ReportAbsentFiles(const std::string& dir, bool mention_missing) {
   return any_present;
 }
 
+// Beside "Sig", config.json keeps one digest per covered file, in members
+// "SigFile:<file name>". The library reads only "Sig"; these let
+// verify-install name the files that changed since signing, which the one
+// combined signature cannot tell.
+constexpr char kPartPrefix[] = "SigFile:";
+
+std::string BaseName(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+std::string PartDigest(const std::string& file) {
+  // An absent file counts as empty, as in the library's signature.
+  return MakeBase64Encode(MakeDigestSHA256(BaseName(file) + ReadFileData(file)));
+}
+
+std::vector<StringMember> PartMembers() {
+  std::vector<StringMember> parts;
+  for (const std::string& file : CoveredFiles(std::string())) {
+    parts.push_back({kPartPrefix + BaseName(file), PartDigest(file)});
+  }
+  return parts;
+}
+
+// "the files in DIR" narrowed down to the changed ones, when config.json
+// holds their digests.
+std::string ChangedFiles(const json_value& config, const std::string& install) {
+  std::string changed;
+  for (const std::string& file : CoveredFiles(std::string())) {
+    const std::string stored =
+        StringValue(config, (kPartPrefix + BaseName(file)).c_str());
+    if (stored.empty()) {
+      return "the files in " + install +
+             " (sign it with tessmar-sign install to have changed files named)";
+    }
+    if (stored != PartDigest(file)) {
+      changed += (changed.empty() ? "" : ", ") + file;
+    }
+  }
+  if (changed.empty()) return "the files in " + install;
+  return "the files in " + install + "; changed since signing: " + changed;
+}
+
 // The installation digest and where the library expects it.
 bool ComputeSignature(const std::string& dir, std::string* digest,
                       std::string* header, std::string* error) {
@@ -126,8 +168,9 @@ Outcome SignInstalled() {
   if (!ComputeSignature(std::string(), &digest, &header, &error)) {
     return Failure(error);
   }
-  if (!UpdateJsonFile(header, {{"Sig", MakeBase64Encode(digest)}},
-                      /*create=*/false, &error)) {
+  std::vector<StringMember> updates = PartMembers();
+  updates.push_back({"Sig", MakeBase64Encode(digest)});
+  if (!UpdateJsonFile(header, updates, /*create=*/false, &error)) {
     return Failure(error);
   }
   std::printf("installation %s: signature stored in %s\n", install.c_str(),
@@ -163,16 +206,16 @@ Outcome Mismatch(const std::string& stored, const std::string& where,
                  " does not match the files in " + files);
 }
 
-Outcome VerifyInstalled() {
+// Why the library refuses the installation, with `absent` files listed on
+// stdout when asked; Success() when it accepts it.
+Outcome CheckInstalled(bool list_absent) {
   const std::string config = _GetConfigPath();
   if (config.empty()) {
     return Failure("no config.json in " + SearchedDirectories());
   }
   // The verdict is the library's own check; the rest explains a failure.
   if (CheckModuleSignature()) {
-    ReportAbsentFiles(std::string(), true);
-    std::printf("installation %s: signature valid\n",
-                GetTessmarInstallPath().c_str());
+    if (list_absent) ReportAbsentFiles(std::string(), true);
     return Success();
   }
   if (ReadAsSignatureFile(config)) {
@@ -183,7 +226,11 @@ Outcome VerifyInstalled() {
   JsonTree tree;
   std::string error;
   if (!LoadJsonObject(config, &tree, &error)) return Failure(error);
-  ReportAbsentFiles(std::string(), true);
+  if (list_absent) ReportAbsentFiles(std::string(), true);
+  const std::string install = StringValue(*tree.root(), "Tessmar");
+  if (install.empty()) {
+    return Invalid(config + " has no \"Tessmar\" string naming the installation");
+  }
   const std::string stored = StringValue(*tree.root(), "Sig");
   if (stored.empty()) return Invalid(config + " holds no \"Sig\" signature");
   std::string digest;
@@ -191,8 +238,20 @@ Outcome VerifyInstalled() {
   if (!ComputeSignature(std::string(), &digest, &header, &error)) {
     return Failure(error);
   }
-  return Mismatch(stored, "\"Sig\" of " + config,
-                  StringValue(*tree.root(), "Tessmar"));
+  if (MakeBase64Decode(stored).size() != 32) {
+    return Invalid("\"Sig\" of " + config + " does not hold a valid signature text");
+  }
+  return Invalid("installation signature in \"Sig\" of " + config +
+                 " does not match " + ChangedFiles(*tree.root(), install));
+}
+
+Outcome VerifyInstalled() {
+  Outcome outcome = CheckInstalled(true);
+  if (outcome.status == kExitOk) {
+    std::printf("installation %s: signature valid\n",
+                GetTessmarInstallPath().c_str());
+  }
+  return outcome;
 }
 
 Outcome VerifyDirectory(const std::string& dir) {
@@ -215,6 +274,8 @@ Outcome VerifyDirectory(const std::string& dir) {
 }
 
 }  // namespace
+
+Outcome InstallationProblem() { return CheckInstalled(false); }
 
 Outcome SignInstallation(const std::string& dir) {
   return dir.empty() ? SignInstalled() : SignDirectory(dir);

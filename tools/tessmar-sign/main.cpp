@@ -38,7 +38,9 @@ constexpr char kUsage[] =
     "\n"
     "Verifying (as the library does):\n"
     "  verify-client FILE SIG   check FILE against the signature text SIG\n"
-    "  verify-module NAME       check client module NAME and its NAME.json\n"
+    "  verify-module NAME       make the loader's checks on module NAME in its\n"
+    "                           order (signatures, NAME.json, a trial load)\n"
+    "                           and name the first that fails\n"
     "  verify-install [--dir DIR]\n"
     "                           check the installation, or DIR/Tessmar.sig\n"
     "  verify-server FILE       check FILE against FILE.sig\n"
@@ -56,8 +58,8 @@ constexpr char kUsage[] =
     "              module's version instead\n"
     "  --          end the options; what follows are operands\n"
     "\n"
-    "Exit status: 0 signed or valid, 1 signature invalid, 2 usage or I/O "
-    "error.\n";
+    "Exit status: 0 signed or valid, 1 signature invalid or module refused,\n"
+    "2 usage or I/O error.\n";
 
 void PrintUsage(FILE* stream) {
   std::fprintf(stream, kUsage, kUserConfigSubdirectory, kUserConfigSubdirectory,
