@@ -12,8 +12,6 @@ namespace {
 using tessmar::crypto::load_le32;
 using tessmar::crypto::rotl32;
 
-constexpr uint32_t kBlockSize = 64;
-
 // T[i] = floor(2^32 * |sin(i + 1)|).
 constexpr uint32_t kSine[64] = {
     0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a,

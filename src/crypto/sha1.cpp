@@ -79,7 +79,7 @@ namespace {
 
 struct Sha1 {
   using Context = sha1_state_structure;
-  static constexpr uint32_t kBlockSize = 64, kLengthFieldSize = 8;
+  static constexpr uint32_t kBlockSize = ::kBlockSize, kLengthFieldSize = 8;
   static constexpr const uint32_t (&kInitial)[5] = ::kInitial;
   // Every block goes through the variant picked for this CPU.
   static void CompressBlocks(uint32_t state[5], const unsigned char* data,

@@ -84,7 +84,7 @@ namespace {
 
 struct Sha256 {
   using Context = sha256_state_structure;
-  static constexpr uint32_t kBlockSize = 64, kLengthFieldSize = 8;
+  static constexpr uint32_t kBlockSize = ::kBlockSize, kLengthFieldSize = 8;
   static constexpr const uint32_t (&kInitial)[8] = ::kInitial;
   // Every block goes through the variant picked for this CPU.
   static void CompressBlocks(uint32_t state[8], const unsigned char* data,

@@ -96,7 +96,7 @@ namespace {
 
 struct Sha512 {
   using Context = sha512_state_structure;
-  static constexpr uint32_t kBlockSize = 128, kLengthFieldSize = 16;
+  static constexpr uint32_t kBlockSize = ::kBlockSize, kLengthFieldSize = 16;
   static constexpr const uint64_t (&kInitial)[8] = ::kInitial;
   // Every block goes through the variant picked for this CPU.
   static void CompressBlocks(uint64_t state[8], const unsigned char* data,
