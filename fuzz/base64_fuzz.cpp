@@ -1,10 +1,12 @@
 // Base64: decoding any text (characters outside the alphabet corrupt the
-// bytes but are not errors), and encoding any bytes, in one line or broken
-// every 64 characters, then decoding them back to the same bytes.
+// bytes but are not errors), and encoding any bytes, in one line (as OpenSSL
+// does) or broken every 64 characters, then decoding them back to the same
+// bytes.
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "openssl_oracle.h"
 #include "tessmar/base64.h"
 #include "tessmar/signature.h"
 
@@ -37,7 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
       }
       std::free(back);
       if (line_breaks != 1 &&
-          MakeBase64Encode(std::string(text, size)) != std::string(encoded, n)) {
+          (MakeBase64Encode(std::string(text, size)) != std::string(encoded, n) ||
+           tessmar::fuzz::OracleBase64(data, size) != std::string(encoded, n))) {
         std::abort();
       }
     }

@@ -3,9 +3,9 @@
 // Every digest follows one three-call discipline:
 //   init once, update any number of times with at least one byte each, final once.
 // After final the context must be initialised again before reuse. The caller
-// owns the context (stack or heap); no call allocates. Each call returns a
-// status, 0 for success; the non-zero codes are listed per call below and
-// deliberately differ between the algorithms.
+// owns the context (stack or heap); no call allocates. Each call returns
+// DIGEST_OK or one of its algorithm's status codes below, which deliberately
+// differ between the algorithms.
 //
 // A zero-length update is an error by design: it returns a status and leaves
 // the context untouched, so callers hashing possibly empty data skip the call.
@@ -26,6 +26,37 @@ constexpr unsigned MD5_DIGEST_SIZE = 16;
 constexpr unsigned SHA1_DIGEST_SIZE = 20;
 constexpr unsigned SHA256_DIGEST_SIZE = 32;
 constexpr unsigned SHA512_DIGEST_SIZE = 64;
+
+// Status codes. "Block index" and "input count" are the context fields of
+// those names. An update checks its arguments, the block index, the length
+// and the input count, in that order. The codes reserved for a first chunk
+// beyond the free room (which the input-count check rules out) and for a
+// failed compression (which cannot happen) are never returned: MD5 update
+// 6 and 7, final 2, 4 and 5; SHA-1 update 4, final 2, 4 and 5; SHA-256
+// update 5, final 3 and 4; SHA-512 update 4, final 2, 4 and 5.
+#define DIGEST_OK 0
+
+#define MD5_ERR_NULL 1                  // null context, data or digest
+#define MD5_ERR_UPDATE_BLOCK_INDEX 2    // above 64
+#define MD5_ERR_UPDATE_ZERO_LENGTH 3
+#define MD5_ERR_UPDATE_INPUT_COUNT 5    // above 64
+#define MD5_ERR_FINAL_BLOCK_INDEX 3     // above 63 after the input is moved
+
+#define SHA1_ERR_ARGS 1                 // null context or data; update: block index above 64
+#define SHA1_ERR_UPDATE_ZERO_LENGTH 2
+#define SHA1_ERR_UPDATE_INPUT_COUNT 3   // above 64
+#define SHA1_ERR_FINAL_BLOCK_INDEX 3    // above 63 after the input is moved
+
+#define SHA256_ERR_ARGS 1               // null context or data; final: block index above 63
+#define SHA256_ERR_UPDATE_BLOCK_INDEX 2 // above 64
+#define SHA256_ERR_UPDATE_ZERO_LENGTH 3
+#define SHA256_ERR_UPDATE_INPUT_COUNT 4 // above 64
+#define SHA256_ERR_FINAL_BLOCK_INDEX 2  // after the input is moved; cannot follow the entry check
+
+#define SHA512_ERR_ARGS 1               // null context or data; block index above 128 (update), 127 (final)
+#define SHA512_ERR_UPDATE_ZERO_LENGTH 2
+#define SHA512_ERR_UPDATE_INPUT_COUNT 3 // above 128
+#define SHA512_ERR_FINAL_BLOCK_INDEX 3  // after the input is moved; cannot follow the entry check
 
 // MD5 keeps its block buffer first; the SHA contexts keep it after the
 // chaining state. The two layouts are part of the ABI and stay as they are.
@@ -65,54 +96,33 @@ struct sha512_state_structure {
   uint8_t input_count;          // up to 128
 };
 
+// Init fails only for a null context (code 1 of each algorithm).
 extern "C" {
 
-// Status 1: null context.
 TSMX_API int init_MD5(md5_state_structure* ctx);
-
-// Status 1: null context or data; 2: block index above 64; 3: length 0;
-// 5: first chunk of 2^31 bytes or more, or input count above 64;
-// 6: first chunk larger than the free room; 7: compression failure.
 TSMX_API int update_MD5(md5_state_structure* ctx, const unsigned char* data,
                         unsigned int length);
-
-// Writes 16 bytes. Status 1: null digest or context; 3: block index above 63
-// after the pending bytes are moved; 2, 4, 5: compression failure.
-// This is the only final call that tests its output pointer.
+// Writes 16 bytes. This is the only final call that tests its output pointer.
 TSMX_API int final_MD5(md5_state_structure* ctx, unsigned char* digest);
 
 }  // extern "C"
 
-// Status 1: null context.
 TSMX_API int init_SHA1(sha1_state_structure* ctx);
-// Status 1: null context or data, or block index above 64; 2: length 0;
-// 3: first chunk too large (room, 2^31) or input count above 64; 4: compression.
 TSMX_API int update_SHA1(sha1_state_structure* ctx, unsigned char const* data,
                          unsigned int length);
-// Writes 20 bytes; the output pointer is not tested. Status 1: null context;
-// 3: block index above 63 after the pending bytes are moved; 2, 4, 5: compression.
+// Writes 20 bytes; the output pointer is not tested.
 TSMX_API int final_SHA1(sha1_state_structure* ctx, unsigned char* digest);
 
-// Status 1: null context.
 TSMX_API int init_SHA256(sha256_state_structure* ctx);
-// Status 1: null context or data; 2: block index above 64; 3: length 0;
-// 4: first chunk too large (room, 2^31) or input count above 64; 5: compression.
 TSMX_API int update_SHA256(sha256_state_structure* ctx,
                            unsigned char const* data, unsigned int length);
-// Writes 32 bytes; the output pointer is not tested. Status 1: null context,
-// block index above 63 on entry, or compression failure while moving the
-// pending bytes; 2: block index above 64 after that; 3, 4: compression.
+// Writes 32 bytes; the output pointer is not tested.
 TSMX_API int final_SHA256(sha256_state_structure* ctx, unsigned char* digest);
 
-// Status 1: null context.
 TSMX_API int init_SHA512(sha512_state_structure* ctx);
-// Status 1: null context or data, or block index above 128; 2: length 0;
-// 3: first chunk too large (room, 2^31) or input count above 128; 4: compression.
 TSMX_API int update_SHA512(sha512_state_structure* ctx,
                            unsigned char const* data, unsigned int length);
-// Writes 64 bytes; the output pointer is not tested. Status 1: null context or
-// block index above 127 on entry; 2: compression while moving the pending
-// bytes; 3: block index above 128 after that; 4, 5: compression.
+// Writes 64 bytes; the output pointer is not tested.
 TSMX_API int final_SHA512(sha512_state_structure* ctx, unsigned char* digest);
 
 #endif  // TESSMAR_DIGEST_H

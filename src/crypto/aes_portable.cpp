@@ -203,8 +203,9 @@ void Ctr(const aes_key_schedule* ks, unsigned char* counter,
 }  // namespace
 
 const AesVariant kAesPortable = {
-    "portable", ExpandKey,  EncryptBlock, DecryptBlock, EcbEncrypt, EcbDecrypt,
-    CbcEncrypt, CbcDecrypt, Ofb,          CfbEncrypt,   CfbDecrypt, Ctr,
+    "portable", 0,          ExpandKey,  EncryptBlock, DecryptBlock, EcbEncrypt,
+    EcbDecrypt, CbcEncrypt, CbcDecrypt, Ofb,          CfbEncrypt,   CfbDecrypt,
+    Ctr,
 };
 
 }  // namespace tessmar::crypto

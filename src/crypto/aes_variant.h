@@ -1,7 +1,7 @@
 // The implementations of the AES core behind the exported calls: the
 // portable table code, which is the reference and the fallback, and variants
-// for the x86-64 AES instructions. One of them is picked once, at first use,
-// from what the CPU reports; the exported block functions, the key schedule
+// for the x86-64 AES instructions. One of them is picked from what the CPU
+// reports (cpu_features.h); the exported block functions, the key schedule
 // and the mode routines of the block-cipher context all go through it.
 //
 // Every variant works on the schedule area exactly as AES_round_key lays it
@@ -56,6 +56,7 @@ using AesExpandFn = void (*)(const unsigned char* key, unsigned key_words,
 
 struct AesVariant {
   const char* name;  // "portable", "aesni", "vaes"
+  uint32_t needs;    // CpuFeature bits (cpu_features.h)
   AesExpandFn expand_key;
   AesBlockFn encrypt_block;
   AesBlockFn decrypt_block;
@@ -69,18 +70,13 @@ struct AesVariant {
   AesCtrFn ctr;
 };
 
-// The variant in use: the fastest one this CPU runs, picked at first call
-// and never changed afterwards (except by the test hook below).
+// The variant in use: the fastest one this CPU runs.
 const AesVariant& ActiveAes();
 
 // Each variant by name: "portable" always, "aesni" and "vaes" only when the
 // CPU (and, for "vaes", the operating system's AVX state) supports them;
 // null otherwise, and for unknown names.
 const AesVariant* AesVariantNamed(const char* name);
-
-// Tests only: makes `variant` the one in use, or with null returns to the
-// detected one. Returns the variant that was in use. Not for concurrent use.
-const AesVariant* UseAesVariantForTesting(const AesVariant* variant);
 
 // The variants' tables; only the dispatch code may hand the hardware ones
 // out, after checking the CPU.

@@ -18,6 +18,7 @@
 #include "crypto/aes_tables.h"
 #include "crypto/aes_variant.h"
 #include "crypto/byte_order.h"
+#include "crypto/cpu_features.h"
 
 namespace tessmar::crypto::aesni {
 namespace {
@@ -353,6 +354,7 @@ namespace tessmar::crypto {
 
 const AesVariant kAesNi = {
     "aesni",
+    kCpuAesNi,
     aesni::ExpandKey,
     aesni::EncryptBlock,
     aesni::DecryptBlock,

@@ -11,6 +11,7 @@
 #include "crypto/aes_variant.h"
 #include "crypto/aes_x86_aesni.h"
 #include "crypto/byte_order.h"
+#include "crypto/cpu_features.h"
 
 namespace tessmar::crypto::vaes {
 namespace {
@@ -212,6 +213,7 @@ namespace tessmar::crypto {
 
 const AesVariant kAesVaes = {
     "vaes",
+    kCpuVaes,
     aesni::ExpandKey,
     aesni::EncryptBlock,
     aesni::DecryptBlock,

@@ -1,13 +1,22 @@
-// Block bookkeeping shared by the MD5 and SHA digests: collecting input into
-// whole blocks, and padding and length-encoding the last block(s).
+// The init/update/final calls shared by the MD5 and SHA digests, and the
+// block bookkeeping beneath them: collecting input into whole blocks, and
+// padding and length-encoding the last block(s).
 //
-// Only the mechanics live here. The argument checks and their status codes
-// stay with each digest, because their numbering and order differ between
-// the algorithms and are part of the interface. Each helper assumes the
-// caller has already made those checks.
+// What differs between the digests is a traits type D (see md5.cpp):
+//   Context                  the exported context structure
+//   kBlockSize               bytes per block
+//   kLengthFieldSize         bytes of the length field closing the padding
+//   kInitial                 the initial chaining state
+//   CompressBlocks           compresses n consecutive blocks
+//   StoreBitCount, StoreWord byte order of the length field and the digest
+//   kChecksDigest            final refuses a null output pointer
+//   kIndexCheckedOnEntry     final checks the block index before moving the
+//                            waiting input, not only after
+//   kArgs, kUpdateBlockIndex, kZeroLength, kInputCount, kFinalBlockIndex
+//                            the status codes, each digest's own
 //
-// The compression function is a template argument, so every call to it is a
-// direct call the optimiser can inline, just as in a hand-written loop.
+// Every compression call is a direct call to a template argument, which the
+// optimiser can inline, just as in a hand-written loop.
 #ifndef TESSMAR_SRC_CRYPTO_DIGEST_ENGINE_H
 #define TESSMAR_SRC_CRYPTO_DIGEST_ENGINE_H
 
@@ -63,7 +72,7 @@ inline void FeedInput(Context* ctx, const unsigned char* data,
 // kBlockSize pending bytes. An index at or beyond the end of the block leaves
 // no room, so nothing is copied and the caller's index check rejects it
 // without any access outside the buffer.
-template <uint32_t kBlockSize, auto Compress, typename Context>
+template <uint32_t kBlockSize, auto CompressBlocks, typename Context>
 inline void MovePendingInput(Context* ctx) {
   static_assert(sizeof ctx->block == kBlockSize);
   if (ctx->input_count == 0) return;
@@ -75,7 +84,7 @@ inline void MovePendingInput(Context* ctx) {
     ctx->block_index += n;
   }
   if (ctx->block_index == kBlockSize) {
-    Compress(ctx->state, ctx->block);
+    CompressBlocks(ctx->state, ctx->block, 1);
     ctx->bit_count += kBlockSize * 8;
     ctx->block_index = 0;
   }
@@ -88,7 +97,7 @@ inline void MovePendingInput(Context* ctx) {
 // count is written by StoreBitCount into the last 8 bytes; a 16-byte field
 // keeps its upper half as padding zeros. Requires block_index < kBlockSize.
 template <uint32_t kBlockSize, uint32_t kLengthFieldSize, auto StoreBitCount,
-          auto Compress, typename Context>
+          auto CompressBlocks, typename Context>
 inline void PadAndCompress(Context* ctx) {
   static_assert(sizeof ctx->block == kBlockSize);
   static_assert(kLengthFieldSize >= 8 && kLengthFieldSize < kBlockSize);
@@ -100,13 +109,13 @@ inline void PadAndCompress(Context* ctx) {
   ctx->block[index] = 0x80;
   if (index >= kFieldStart) {
     std::memset(ctx->block + index + 1, 0, kBlockSize - index - 1);
-    Compress(ctx->state, ctx->block);
+    CompressBlocks(ctx->state, ctx->block, 1);
     std::memset(ctx->block, 0, kCountStart);
   } else {
     std::memset(ctx->block + index + 1, 0, kCountStart - index - 1);
   }
   StoreBitCount(ctx->block + kCountStart, ctx->bit_count);
-  Compress(ctx->state, ctx->block);
+  CompressBlocks(ctx->state, ctx->block, 1);
 }
 
 // Last step of final, after the digest has been written: the buffered
@@ -117,6 +126,52 @@ inline void WipeMessageBuffers(Context* ctx) {
   ctx->input_count = 0;
   std::memset(ctx->input, 0, sizeof ctx->input);
   std::memset(ctx->block, 0, sizeof ctx->block);
+}
+
+template <typename D>
+int InitDigest(typename D::Context* ctx) {
+  if (ctx == nullptr) return D::kArgs;
+  ctx->bit_count = 0;
+  ctx->block_index = 0;
+  static_assert(sizeof ctx->state == sizeof D::kInitial);
+  std::memcpy(ctx->state, D::kInitial, sizeof ctx->state);
+  std::memset(ctx->block, 0, sizeof ctx->block);
+  std::memset(ctx->input, 0, sizeof ctx->input);
+  ctx->input_count = 0;
+  return 0;
+}
+
+// A rejected update leaves the context untouched; zero length is rejected on
+// purpose. With the input count checked, the first chunk is at most the free
+// room, so no check of the chunk size is needed.
+template <typename D>
+int UpdateDigest(typename D::Context* ctx, const unsigned char* data,
+                 unsigned int length) {
+  if (ctx == nullptr || data == nullptr) return D::kArgs;
+  if (ctx->block_index > D::kBlockSize) return D::kUpdateBlockIndex;
+  if (length == 0) return D::kZeroLength;
+  if (ctx->input_count > D::kBlockSize) return D::kInputCount;
+  FeedInput<D::kBlockSize, D::CompressBlocks>(ctx, data, length);
+  return 0;
+}
+
+// After a check on entry the index cannot be past the block once the input
+// is moved; the second check then never fails.
+template <typename D>
+int FinalDigest(typename D::Context* ctx, unsigned char* digest) {
+  constexpr uint32_t B = D::kBlockSize;
+  if (ctx == nullptr || (D::kChecksDigest && digest == nullptr)) return D::kArgs;
+  if (D::kIndexCheckedOnEntry && ctx->block_index > B - 1) return D::kArgs;
+  MovePendingInput<B, D::CompressBlocks>(ctx);
+  if (ctx->block_index > B - 1) return D::kFinalBlockIndex;
+  PadAndCompress<B, D::kLengthFieldSize, D::StoreBitCount, D::CompressBlocks>(
+      ctx);
+  constexpr std::size_t kWord = sizeof ctx->state[0];
+  for (std::size_t i = 0; i < sizeof ctx->state / kWord; ++i) {
+    D::StoreWord(digest + kWord * i, ctx->state[i]);
+  }
+  WipeMessageBuffers(ctx);
+  return 0;
 }
 
 }  // namespace tessmar::crypto

@@ -9,16 +9,8 @@
 
 namespace {
 
-using tessmar::crypto::FeedInput;
 using tessmar::crypto::load_le32;
-using tessmar::crypto::MovePendingInput;
-using tessmar::crypto::PadAndCompress;
 using tessmar::crypto::rotl32;
-using tessmar::crypto::store_le32;
-using tessmar::crypto::store_le64;
-using tessmar::crypto::WipeMessageBuffers;
-
-constexpr uint32_t kBlockSize = 64;
 
 // T[i] = floor(2^32 * |sin(i + 1)|).
 constexpr uint32_t kSine[64] = {
@@ -106,55 +98,38 @@ void Compress(uint32_t state[4], const unsigned char* block) {
   for (unsigned i = 0; i < 4; ++i) state[i] += v[i];
 }
 
-// Whole blocks straight from the caller's buffer, one after the other.
-void CompressBlocks(uint32_t state[4], const unsigned char* data,
-                    std::size_t blocks) {
-  for (; blocks > 0; --blocks, data += kBlockSize) Compress(state, data);
-}
+struct Md5 {
+  using Context = md5_state_structure;
+  static constexpr uint32_t kBlockSize = 64, kLengthFieldSize = 8;
+  static constexpr uint32_t kInitial[4] = {0x67452301, 0xefcdab89, 0x98badcfe,
+                                           0x10325476};
+  static void CompressBlocks(uint32_t state[4], const unsigned char* data,
+                             std::size_t blocks) {
+    for (; blocks > 0; --blocks, data += kBlockSize) Compress(state, data);
+  }
+  static constexpr auto StoreBitCount = tessmar::crypto::store_le64;
+  static constexpr auto StoreWord = tessmar::crypto::store_le32;
+  static constexpr bool kChecksDigest = true, kIndexCheckedOnEntry = false;
+  static constexpr int kArgs = MD5_ERR_NULL,
+                       kUpdateBlockIndex = MD5_ERR_UPDATE_BLOCK_INDEX,
+                       kZeroLength = MD5_ERR_UPDATE_ZERO_LENGTH,
+                       kInputCount = MD5_ERR_UPDATE_INPUT_COUNT,
+                       kFinalBlockIndex = MD5_ERR_FINAL_BLOCK_INDEX;
+};
 
 }  // namespace
 
-// The status numbering below is deliberately MD5's own and differs from the
-// SHA calls; callers only compare with 0, but the exact values are part of
-// the interface. Compression cannot fail, so codes 7 (update) and 2, 4, 5
-// (final) are never produced.
 extern "C" {
 
 int init_MD5(md5_state_structure* ctx) {
-  if (ctx == nullptr) return 1;
-  std::memset(ctx->block, 0, sizeof ctx->block);
-  ctx->bit_count = 0;
-  ctx->block_index = 0;
-  ctx->state[0] = 0x67452301;
-  ctx->state[1] = 0xefcdab89;
-  ctx->state[2] = 0x98badcfe;
-  ctx->state[3] = 0x10325476;
-  std::memset(ctx->input, 0, sizeof ctx->input);
-  ctx->input_count = 0;
-  return 0;
+  return tessmar::crypto::InitDigest<Md5>(ctx);
 }
-
 int update_MD5(md5_state_structure* ctx, const unsigned char* data,
                unsigned int length) {
-  if (ctx == nullptr || data == nullptr) return 1;
-  if (ctx->block_index > kBlockSize) return 2;
-  // Zero length is rejected on purpose and leaves the context untouched.
-  if (length == 0) return 3;
-  if (ctx->input_count > kBlockSize) return 5;
-  // With the input count validated the first chunk is at most the free room
-  // (never 2^31 or more), so the chunk-size codes 5 and 6 cannot arise here.
-  FeedInput<kBlockSize, CompressBlocks>(ctx, data, length);
-  return 0;
+  return tessmar::crypto::UpdateDigest<Md5>(ctx, data, length);
 }
-
 int final_MD5(md5_state_structure* ctx, unsigned char* digest) {
-  if (digest == nullptr || ctx == nullptr) return 1;
-  MovePendingInput<kBlockSize, Compress>(ctx);
-  if (ctx->block_index > kBlockSize - 1) return 3;
-  PadAndCompress<kBlockSize, 8, store_le64, Compress>(ctx);
-  for (unsigned i = 0; i < 4; ++i) store_le32(digest + 4 * i, ctx->state[i]);
-  WipeMessageBuffers(ctx);
-  return 0;
+  return tessmar::crypto::FinalDigest<Md5>(ctx, digest);
 }
 
 }  // extern "C"

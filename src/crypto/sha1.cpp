@@ -10,14 +10,8 @@
 
 namespace {
 
-using tessmar::crypto::FeedInput;
 using tessmar::crypto::load_be32;
-using tessmar::crypto::MovePendingInput;
-using tessmar::crypto::PadAndCompress;
 using tessmar::crypto::rotl32;
-using tessmar::crypto::store_be32;
-using tessmar::crypto::store_be64;
-using tessmar::crypto::WipeMessageBuffers;
 
 constexpr uint32_t kBlockSize = 64;
 
@@ -83,52 +77,33 @@ void Sha1BlocksPortable(uint32_t state[5], const unsigned char* data,
 
 namespace {
 
-// Every block goes through the variant picked for this CPU.
-void CompressBlocks(uint32_t state[5], const unsigned char* data,
-                    std::size_t blocks) {
-  tessmar::crypto::ActiveDigests().sha1_blocks(state, data, blocks);
-}
-void CompressOne(uint32_t state[5], const unsigned char* block) {
-  CompressBlocks(state, block, 1);
-}
+struct Sha1 {
+  using Context = sha1_state_structure;
+  static constexpr uint32_t kBlockSize = ::kBlockSize, kLengthFieldSize = 8;
+  static constexpr const uint32_t (&kInitial)[5] = ::kInitial;
+  // Every block goes through the variant picked for this CPU.
+  static void CompressBlocks(uint32_t state[5], const unsigned char* data,
+                             std::size_t blocks) {
+    tessmar::crypto::ActiveDigests().sha1_blocks(state, data, blocks);
+  }
+  static constexpr auto StoreBitCount = tessmar::crypto::store_be64;
+  static constexpr auto StoreWord = tessmar::crypto::store_be32;
+  static constexpr bool kChecksDigest = false, kIndexCheckedOnEntry = false;
+  static constexpr int kArgs = SHA1_ERR_ARGS, kUpdateBlockIndex = SHA1_ERR_ARGS,
+                       kZeroLength = SHA1_ERR_UPDATE_ZERO_LENGTH,
+                       kInputCount = SHA1_ERR_UPDATE_INPUT_COUNT,
+                       kFinalBlockIndex = SHA1_ERR_FINAL_BLOCK_INDEX;
+};
 
 }  // namespace
 
-// SHA-1 numbers its status codes differently from MD5 and SHA-256 on
-// purpose; the values are part of the interface. Compression cannot fail, so
-// codes 4 (update) and 2, 4, 5 (final) are never produced.
-
 int init_SHA1(sha1_state_structure* ctx) {
-  if (ctx == nullptr) return 1;
-  ctx->bit_count = 0;
-  ctx->block_index = 0;
-  std::memcpy(ctx->state, kInitial, sizeof ctx->state);
-  std::memset(ctx->block, 0, sizeof ctx->block);
-  std::memset(ctx->input, 0, sizeof ctx->input);
-  ctx->input_count = 0;
-  return 0;
+  return tessmar::crypto::InitDigest<Sha1>(ctx);
 }
-
 int update_SHA1(sha1_state_structure* ctx, unsigned char const* data,
                 unsigned int length) {
-  if (ctx == nullptr || data == nullptr) return 1;
-  if (ctx->block_index > kBlockSize) return 1;
-  // Zero length is rejected on purpose and leaves the context untouched.
-  if (length == 0) return 2;
-  // With the input count validated the first chunk is at most the free room,
-  // so the other chunk-size conditions of code 3 cannot arise.
-  if (ctx->input_count > kBlockSize) return 3;
-  FeedInput<kBlockSize, CompressBlocks>(ctx, data, length);
-  return 0;
+  return tessmar::crypto::UpdateDigest<Sha1>(ctx, data, length);
 }
-
-// The output pointer is deliberately not tested (unlike final_MD5).
 int final_SHA1(sha1_state_structure* ctx, unsigned char* digest) {
-  if (ctx == nullptr) return 1;
-  MovePendingInput<kBlockSize, CompressOne>(ctx);
-  if (ctx->block_index > kBlockSize - 1) return 3;
-  PadAndCompress<kBlockSize, 8, store_be64, CompressOne>(ctx);
-  for (unsigned i = 0; i < 5; ++i) store_be32(digest + 4 * i, ctx->state[i]);
-  WipeMessageBuffers(ctx);
-  return 0;
+  return tessmar::crypto::FinalDigest<Sha1>(ctx, digest);
 }

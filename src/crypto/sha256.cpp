@@ -10,15 +10,9 @@
 
 namespace {
 
-using tessmar::crypto::FeedInput;
 using tessmar::crypto::kSha256RoundConstant;
 using tessmar::crypto::load_be32;
-using tessmar::crypto::MovePendingInput;
-using tessmar::crypto::PadAndCompress;
 using tessmar::crypto::rotr32;
-using tessmar::crypto::store_be32;
-using tessmar::crypto::store_be64;
-using tessmar::crypto::WipeMessageBuffers;
 
 constexpr uint32_t kBlockSize = 64;
 
@@ -88,53 +82,34 @@ void Sha256BlocksPortable(uint32_t state[8], const unsigned char* data,
 
 namespace {
 
-// Every block goes through the variant picked for this CPU.
-void CompressBlocks(uint32_t state[8], const unsigned char* data,
-                    std::size_t blocks) {
-  tessmar::crypto::ActiveDigests().sha256_blocks(state, data, blocks);
-}
-void CompressOne(uint32_t state[8], const unsigned char* block) {
-  CompressBlocks(state, block, 1);
-}
+struct Sha256 {
+  using Context = sha256_state_structure;
+  static constexpr uint32_t kBlockSize = ::kBlockSize, kLengthFieldSize = 8;
+  static constexpr const uint32_t (&kInitial)[8] = ::kInitial;
+  // Every block goes through the variant picked for this CPU.
+  static void CompressBlocks(uint32_t state[8], const unsigned char* data,
+                             std::size_t blocks) {
+    tessmar::crypto::ActiveDigests().sha256_blocks(state, data, blocks);
+  }
+  static constexpr auto StoreBitCount = tessmar::crypto::store_be64;
+  static constexpr auto StoreWord = tessmar::crypto::store_be32;
+  static constexpr bool kChecksDigest = false, kIndexCheckedOnEntry = true;
+  static constexpr int kArgs = SHA256_ERR_ARGS,
+                       kUpdateBlockIndex = SHA256_ERR_UPDATE_BLOCK_INDEX,
+                       kZeroLength = SHA256_ERR_UPDATE_ZERO_LENGTH,
+                       kInputCount = SHA256_ERR_UPDATE_INPUT_COUNT,
+                       kFinalBlockIndex = SHA256_ERR_FINAL_BLOCK_INDEX;
+};
 
 }  // namespace
 
-// SHA-256 numbers its status codes differently from the other digests on
-// purpose; the values are part of the interface. Compression cannot fail, so
-// codes 5 (update) and 3, 4 (final) are never produced.
-
 int init_SHA256(sha256_state_structure* ctx) {
-  if (ctx == nullptr) return 1;
-  ctx->bit_count = 0;
-  ctx->block_index = 0;
-  std::memcpy(ctx->state, kInitial, sizeof ctx->state);
-  std::memset(ctx->block, 0, sizeof ctx->block);
-  std::memset(ctx->input, 0, sizeof ctx->input);
-  ctx->input_count = 0;
-  return 0;
+  return tessmar::crypto::InitDigest<Sha256>(ctx);
 }
-
 int update_SHA256(sha256_state_structure* ctx, unsigned char const* data,
                   unsigned int length) {
-  if (ctx == nullptr || data == nullptr) return 1;
-  if (ctx->block_index > kBlockSize) return 2;
-  // Zero length is rejected on purpose and leaves the context untouched.
-  if (length == 0) return 3;
-  // With the input count validated the first chunk is at most the free room,
-  // so the other chunk-size conditions of code 4 cannot arise.
-  if (ctx->input_count > kBlockSize) return 4;
-  FeedInput<kBlockSize, CompressBlocks>(ctx, data, length);
-  return 0;
+  return tessmar::crypto::UpdateDigest<Sha256>(ctx, data, length);
 }
-
-// The output pointer is deliberately not tested (unlike final_MD5).
 int final_SHA256(sha256_state_structure* ctx, unsigned char* digest) {
-  if (ctx == nullptr || ctx->block_index > kBlockSize - 1) return 1;
-  MovePendingInput<kBlockSize, CompressOne>(ctx);
-  // Cannot trigger after the entry check; kept as the interface lists it.
-  if (ctx->block_index > kBlockSize) return 2;
-  PadAndCompress<kBlockSize, 8, store_be64, CompressOne>(ctx);
-  for (unsigned i = 0; i < 8; ++i) store_be32(digest + 4 * i, ctx->state[i]);
-  WipeMessageBuffers(ctx);
-  return 0;
+  return tessmar::crypto::FinalDigest<Sha256>(ctx, digest);
 }

@@ -10,14 +10,9 @@
 
 namespace {
 
-using tessmar::crypto::FeedInput;
 using tessmar::crypto::kSha512RoundConstant;
 using tessmar::crypto::load_be64;
-using tessmar::crypto::MovePendingInput;
-using tessmar::crypto::PadAndCompress;
 using tessmar::crypto::rotr64;
-using tessmar::crypto::store_be64;
-using tessmar::crypto::WipeMessageBuffers;
 
 constexpr uint32_t kBlockSize = 128;
 
@@ -99,55 +94,33 @@ void Sha512BlocksPortable(uint64_t state[8], const unsigned char* data,
 
 namespace {
 
-// Every block goes through the variant picked for this CPU.
-void CompressBlocks(uint64_t state[8], const unsigned char* data,
-                    std::size_t blocks) {
-  tessmar::crypto::ActiveSha512().blocks(state, data, blocks);
-}
-void CompressOne(uint64_t state[8], const unsigned char* block) {
-  CompressBlocks(state, block, 1);
-}
+struct Sha512 {
+  using Context = sha512_state_structure;
+  static constexpr uint32_t kBlockSize = ::kBlockSize, kLengthFieldSize = 16;
+  static constexpr const uint64_t (&kInitial)[8] = ::kInitial;
+  // Every block goes through the variant picked for this CPU.
+  static void CompressBlocks(uint64_t state[8], const unsigned char* data,
+                             std::size_t blocks) {
+    tessmar::crypto::ActiveSha512().blocks(state, data, blocks);
+  }
+  static constexpr auto StoreBitCount = tessmar::crypto::store_be64;
+  static constexpr auto StoreWord = tessmar::crypto::store_be64;
+  static constexpr bool kChecksDigest = false, kIndexCheckedOnEntry = true;
+  static constexpr int kArgs = SHA512_ERR_ARGS, kUpdateBlockIndex = SHA512_ERR_ARGS,
+                       kZeroLength = SHA512_ERR_UPDATE_ZERO_LENGTH,
+                       kInputCount = SHA512_ERR_UPDATE_INPUT_COUNT,
+                       kFinalBlockIndex = SHA512_ERR_FINAL_BLOCK_INDEX;
+};
 
 }  // namespace
 
-// SHA-512 numbers its status codes differently from the other digests on
-// purpose; the values are part of the interface. Compression cannot fail, so
-// codes 4 (update) and 2, 4, 5 (final) are never produced.
-
 int init_SHA512(sha512_state_structure* ctx) {
-  if (ctx == nullptr) return 1;
-  ctx->bit_count = 0;
-  ctx->block_index = 0;
-  std::memcpy(ctx->state, kInitial, sizeof ctx->state);
-  std::memset(ctx->block, 0, sizeof ctx->block);
-  std::memset(ctx->input, 0, sizeof ctx->input);
-  ctx->input_count = 0;
-  return 0;
+  return tessmar::crypto::InitDigest<Sha512>(ctx);
 }
-
 int update_SHA512(sha512_state_structure* ctx, unsigned char const* data,
                   unsigned int length) {
-  if (ctx == nullptr || data == nullptr) return 1;
-  if (ctx->block_index > kBlockSize) return 1;
-  // Zero length is rejected on purpose and leaves the context untouched.
-  if (length == 0) return 2;
-  // With the input count validated the first chunk is at most the free room,
-  // so the other chunk-size conditions of code 3 cannot arise.
-  if (ctx->input_count > kBlockSize) return 3;
-  FeedInput<kBlockSize, CompressBlocks>(ctx, data, length);
-  return 0;
+  return tessmar::crypto::UpdateDigest<Sha512>(ctx, data, length);
 }
-
-// The output pointer is deliberately not tested (unlike final_MD5).
 int final_SHA512(sha512_state_structure* ctx, unsigned char* digest) {
-  if (ctx == nullptr || ctx->block_index > kBlockSize - 1) return 1;
-  MovePendingInput<kBlockSize, CompressOne>(ctx);
-  // Cannot trigger after the entry check; kept as the interface lists it.
-  if (ctx->block_index > kBlockSize) return 3;
-  // The message length is limited to 2^64 bits, so the upper half of the
-  // 128-bit length field (bytes 112-119) is always the zeros of the padding.
-  PadAndCompress<kBlockSize, 16, store_be64, CompressOne>(ctx);
-  for (unsigned i = 0; i < 8; ++i) store_be64(digest + 8 * i, ctx->state[i]);
-  WipeMessageBuffers(ctx);
-  return 0;
+  return tessmar::crypto::FinalDigest<Sha512>(ctx, digest);
 }

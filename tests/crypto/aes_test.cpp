@@ -1,7 +1,6 @@
-// AES key schedule and block functions: FIPS 197 vectors, calling
-// conventions and OpenSSL as an oracle on every variant of the core this CPU
-// runs; the hardware variants' schedules and bulk functions against the
-// portable code's.
+// AES key schedule and block functions: FIPS 197 vectors and calling
+// conventions on every variant of the core this CPU runs; the hardware
+// variants' schedules and bulk functions against the portable code's.
 #include "tessmar/aes.h"
 
 #include <gtest/gtest.h>
@@ -99,23 +98,19 @@ TEST(AesArguments, BadArgumentsLeaveEverythingUntouched) {
   EXPECT_EQ(std::memcmp(&area, &untouched, sizeof area), 0);
 }
 
-// Random keys and blocks against OpenSSL, and each variant's key schedule
-// against the portable layout (the bulk functions below rely on it).
-TEST_P(AesTest, MatchesOpenSslAndThePortableScheduleOnRandomKeys) {
+// Each variant's key schedule equals the portable layout, which the bulk
+// functions below rely on.
+TEST_P(AesTest, SchedulesMatchThePortableLayoutOnRandomKeys) {
   std::mt19937 rng(0x5eed1234u);
   for (uint32_t length : {16u, 24u, 32u}) {
     for (int n = 0; n < 20; ++n) {
-      SCOPED_TRACE(testing::Message() << "key length " << length << " case " << n);
-      const Bytes key = RandomBytes(rng, length), data = RandomBytes(rng, 4 * AES_BLOCK_SIZE);
-      // Both directions from the same input, so each is checked on its own.
-      ASSERT_EQ(Blocks(key, AES_DIRECTION_ENCRYPT, true, data), Ecb(key, true, data));
-      ASSERT_EQ(Blocks(key, 0, false, data), Ecb(key, false, data));
+      const Bytes key = RandomBytes(rng, length);
       for (int direction : {AES_DIRECTION_ENCRYPT, 0}) {
         aes_key_schedule reference;
         std::memset(&reference, 0xa5, sizeof reference);
         Portable().expand_key(key.data(), length / 4, &reference, direction == 1);
         const aes_key_schedule ours = Schedule(key, direction);
-        ASSERT_EQ(std::memcmp(&ours, &reference, sizeof ours), 0) << direction;
+        ASSERT_EQ(std::memcmp(&ours, &reference, sizeof ours), 0) << length << " " << direction;
       }
     }
   }

@@ -1,10 +1,9 @@
-// Base64 codec: RFC 4648 vectors, round trips, OpenSSL as an oracle for the
-// single-line form, and the codec's own rules for line breaks, failures and
-// characters outside the alphabet.
+// Base64 codec: RFC 4648 vectors, the whole alphabet, round trips, and the
+// codec's own rules for line breaks, failures and characters outside the
+// alphabet.
 #include "tessmar/base64.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -56,31 +55,35 @@ std::string Decode(const std::string& text) {
 }
 
 TEST(Base64, Rfc4648Vectors) {
-  const char* const vectors[][2] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
-                                    {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
-                                    {"foobar", "Zm9vYmFy"}};
+  // The last one holds every symbol of the alphabet once, in order.
+  const std::pair<std::string, std::string> vectors[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
+      {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+      {std::string("\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51"
+                   "\x55\x97\x61\x96\x9b\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a"
+                   "\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7\xe3\x9e\xbb\xf3\xdf\xbf", 48),
+       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"}};
   for (const auto& [plain, encoded] : vectors) {
-    SCOPED_TRACE(plain);
+    SCOPED_TRACE(encoded);
     int n = -1;
-    EXPECT_EQ(Encode(Bytes(plain, plain + std::strlen(plain)), 0, &n), encoded);
-    EXPECT_EQ(n, static_cast<int>(std::strlen(encoded)));
+    EXPECT_EQ(Encode(Bytes(plain.begin(), plain.end()), 0, &n), encoded);
+    EXPECT_EQ(n, static_cast<int>(encoded.size()));
     EXPECT_EQ(Decode(encoded), plain);
   }
 }
 
-// Every length round-trips with and without line breaks (LF or CRLF), and the
-// single-line form (any flag other than 1) matches OpenSSL both ways.
-TEST(Base64, RoundTripsAndMatchesOpenSsl) {
+// Every length round-trips with and without line breaks (LF or CRLF); any
+// flag other than 1 gives the single-line form.
+TEST(Base64, RoundTripsInOneLineAndInLines) {
   std::mt19937 rng(20240611);
   for (size_t n = 1; n <= 300; ++n) {
     SCOPED_TRACE(n);
     Bytes data(n);
     for (auto& b : data) b = static_cast<unsigned char>(rng());
     const std::string plain(data.begin(), data.end());
-    std::string expected(4 * ((n + 2) / 3) + 1, '\0');
-    expected.resize(static_cast<size_t>(EVP_EncodeBlock(
-        reinterpret_cast<unsigned char*>(&expected[0]), data.data(), static_cast<int>(n))));
-    for (int flag : {0, 2, -1}) EXPECT_EQ(Encode(data, flag), expected);
+    const std::string expected = Encode(data, 0);
+    EXPECT_EQ(expected.size(), 4 * ((n + 2) / 3));
+    for (int flag : {2, -1}) EXPECT_EQ(Encode(data, flag), expected);
     EXPECT_EQ(Decode(expected), plain);
     // Lines of exactly 64 characters, the last one 1..64, no LF at the end.
     std::string lines, crlf;
