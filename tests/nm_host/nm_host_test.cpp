@@ -103,7 +103,7 @@ class LiveAdapter {
   void Write(const std::string& bytes) { WriteAll(in_, bytes); }
 
   // The next message, or "<none>" when none comes within `timeout`.
-  std::string Read(milliseconds timeout = milliseconds(10000)) {
+  std::string Read(milliseconds timeout = milliseconds(60000)) {
     std::uint32_t length = 0;
     if (!ReadExactly(reinterpret_cast<char*>(&length), 4, timeout)) return "<none>";
     std::string body(length, '\0');

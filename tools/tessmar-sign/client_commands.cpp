@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "config/config_location.h"
+#include "config_directory.h"
 #include "file_io.h"
 #include "json_file.h"
 #include "tessmar/config.h"
@@ -14,6 +14,8 @@
 #include "trial_load.h"
 
 namespace tessmar::sign {
+
+using tools::kSystemConfigDirectory;
 namespace {
 
 // The library hands out this text instead of a path when a verified lookup

@@ -11,10 +11,12 @@
 #include <vector>
 
 #include "commands.h"
-#include "config/config_location.h"
+#include "config_directory.h"
 #include "outcome.h"
 
 namespace tessmar::sign {
+
+using tools::kSystemConfigDirectory;
 namespace {
 
 // The usage text; the %s are the user configuration subdirectory (twice)
