@@ -20,9 +20,7 @@ while [ $# -gt 0 ]; do
 done
 
 build="$root/build/bench"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-  -DTESSMAR_BUILD_TESTS=OFF -DTESSMAR_BUILD_BENCH=ON >/dev/null
-cmake --build "$build" >/dev/null
+(cd "$root" && cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null)
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
 for bench in crypto_bench signature_bench inprocess_bench host_roundtrip_bench nm_host_bench; do

@@ -19,11 +19,9 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/install-deps.sh" --browsers
 
 build="${TESSMAR_BUILD_DIR:-$root/build/tests}"
-werror=OFF
-[ "${CI:-}" = "true" ] && werror=ON
+[ "${CI:-}" = "true" ] && export TESSMAR_WERROR=ON
 if [ ! -f "$build/CMakeCache.txt" ]; then
-  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DTESSMAR_WERROR="$werror" >/dev/null
+  (cd "$root" && cmake --preset dev >/dev/null)  # build/tests
 fi
 cmake --build "$build" -j "$(nproc)" --target TessmarFirefox \
   tessmar_reference_host tessmar-nm-host tessmar-sign tessmar_echo_module \

@@ -8,9 +8,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/install-deps.sh"
 
 build="$root/build/release"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-  -DTESSMAR_BUILD_TESTS=OFF -DTESSMAR_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j "$(nproc)"
+(cd "$root" && cmake --preset release >/dev/null && cmake --build --preset release -j "$(nproc)")
 
 library="$build/src/libTessmarFirefox.so"
 sign="$build/tools/tessmar-sign/tessmar-sign"

@@ -32,10 +32,8 @@ build_target() {
   bash "$root/scripts/install-deps.sh" || die 3 "installing the dependencies failed"
   local log
   log=$(mktemp)
-  if ! { cmake -S "$root" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 \
-           -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSMAR_FUZZ=ON \
-           -DTESSMAR_SANITIZE=address,undefined &&
-         cmake --build "$build" -j 2 --target "$1"; } >"$log" 2>&1; then
+  if ! (cd "$root" && cmake --preset fuzz &&
+         cmake --build --preset fuzz -j 2 --target "$1") >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
     die 3 "building $1 failed"

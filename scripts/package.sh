@@ -13,13 +13,10 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/install-deps.sh"
 
 build="$root/build/package"
-werror=OFF
-[ "${CI:-}" = "true" ] && werror=ON
+[ "${CI:-}" = "true" ] && export TESSMAR_WERROR=ON
 {
-  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_INSTALL_PREFIX=/usr -DTESSMAR_WERROR="$werror" \
-    -DTESSMAR_BUILD_TESTS=OFF -DTESSMAR_BUILD_BENCH=OFF >/dev/null &&
-  cmake --build "$build" -j "$(nproc)" &&
+  (cd "$root" && cmake --preset package >/dev/null &&
+    cmake --build --preset package -j "$(nproc)") &&
   (cd "$build" && cpack -G DEB >/dev/null)
 } || { echo "package.sh: building the package failed" >&2; exit 1; }
 ls "$build"/tessmar_*.deb

@@ -7,37 +7,26 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 bash "$root/scripts/install-deps.sh"
 
-werror=OFF
-[ "${CI:-}" = "true" ] && werror=ON
+# Warnings are errors in CI; the presets read this (CMakePresets.json).
+[ "${CI:-}" = "true" ] && export TESSMAR_WERROR=ON
 jobs=$(nproc)
 
-# suite <build dir name> <sanitizers> [ctest arguments...]
+# suite <preset>: configure, build and test with one preset of CMakePresets.json.
 suite() {
-  local dir="$root/build/$1" sanitize="$2"
-  shift 2
-  echo "=== build/$(basename "$dir") (sanitizers: ${sanitize:-none})"
-  cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DTESSMAR_WERROR="$werror" -DTESSMAR_SANITIZE="$sanitize" \
-    -DTESSMAR_BUILD_BENCH="$([ -z "$sanitize" ] && echo ON || echo OFF)" >/dev/null
-  cmake --build "$dir" -j "$jobs"
-  ctest --test-dir "$dir" --output-on-failure -j "$jobs" "$@"
+  echo "=== preset $1"
+  (cd "$root" && cmake --preset "$1" >/dev/null &&
+    cmake --build --preset "$1" -j "$jobs" &&
+    ctest --preset "$1" -j "$jobs")
 }
 
 export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1:strict_string_checks=1"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 
-suite tests ""
-suite tests-asan "address,undefined"
-suite tests-tsan "thread" -L concurrency
-
-# Every fuzz target replays its committed corpus (clang, ASan + UBSan).
-echo "=== build/fuzz (libFuzzer corpus replay)"
-cmake -S "$root" -B "$root/build/fuzz" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSMAR_FUZZ=ON \
-  -DTESSMAR_SANITIZE=address,undefined -DTESSMAR_WERROR="$werror" >/dev/null
-cmake --build "$root/build/fuzz" -j "$jobs"
-ctest --test-dir "$root/build/fuzz" --output-on-failure -j "$jobs" -L fuzz
+suite dev
+suite asan
+suite tsan       # the concurrency tests
+suite fuzz       # every fuzz target replays its committed corpus
 
 # The Debian package: built, installed, driven in both modes and purged.
 if [ "$(id -u)" -eq 0 ]; then
