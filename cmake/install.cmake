@@ -41,9 +41,10 @@ add_custom_command(OUTPUT ${TESSMAR_CHANGELOG}
 add_custom_target(tessmar_changelog ALL DEPENDS ${TESSMAR_CHANGELOG})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${TESSMAR_CHANGELOG}
   ${PROJECT_SOURCE_DIR}/README.md
-  ${PROJECT_SOURCE_DIR}/docs/first-module.md
-  ${PROJECT_SOURCE_DIR}/docs/refusals.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar)
+# docs/ beside the README, so that its links hold in the installed copy.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/tessmar/docs)
 # The example modules' sources and the example extension, to start from.
 foreach(example echo_module echo_module_c clock_module)
   file(GLOB sources ${PROJECT_SOURCE_DIR}/examples/${example}/*.c*)

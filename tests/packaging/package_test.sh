@@ -50,7 +50,7 @@ while IFS= read -r path; do
 done <<<"$files"
 check "no packaged file names $build_dir or $root: $leaks" test -z "$leaks"
 docs=/usr/share/doc/tessmar
-for doc in README.md first-module.md refusals.md examples/echo_module/echo_module.cpp \
+for doc in README.md docs/first-module.md docs/refusals.md examples/echo_module/echo_module.cpp \
            examples/echo_module_c/echo_module.c examples/clock_module/clock_module.cpp \
            examples/extension/manifest.json; do
   check "$docs/$doc shipped" test -s "$docs/$doc"
