@@ -23,6 +23,7 @@
 #include <string>
 
 #include "echo_request.h"
+#include "frame.h"
 #include "tessmar/bridge.h"
 
 namespace {
@@ -33,41 +34,12 @@ int g_pingRequest = -1;  // parent's write end
 int g_pingReply = -1;    // parent's read end
 pid_t g_pingPeer = -1;
 
-bool ReadFully(int fd, void* buffer, std::size_t size) {
-  auto* bytes = static_cast<char*>(buffer);
-  while (size > 0) {
-    const ssize_t n = read(fd, bytes, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-bool WriteFully(int fd, const void* buffer, std::size_t size) {
-  const auto* bytes = static_cast<const char*>(buffer);
-  while (size > 0) {
-    const ssize_t n = write(fd, bytes, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-// One framed message: a 4-byte length, then the body.
 bool SendFrame(int fd, const std::string& body) {
-  const uint32_t length = static_cast<uint32_t>(body.size());
-  return WriteFully(fd, &length, 4) && WriteFully(fd, body.data(), length);
+  return tessmar::tools::WriteFrame(fd, body);
 }
 
 bool ReceiveFrame(int fd, std::string& body) {
-  uint32_t length = 0;
-  if (!ReadFully(fd, &length, 4)) return false;
-  body.resize(length);
-  return length == 0 || ReadFully(fd, &body[0], length);
+  return tessmar::tools::ReadFrame(fd, body) == tessmar::tools::FrameRead::kMessage;
 }
 
 // The ping-pong peer: echoes every frame until the pipe closes.

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "echo_request.h"
+#include "frame.h"
 
 namespace {
 
@@ -55,40 +56,12 @@ std::string Message(int seq, const std::string& request) {
   return buffer.GetString();
 }
 
-bool ReadFully(int fd, char* bytes, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = read(fd, bytes, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-bool WriteFully(int fd, const char* bytes, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = write(fd, bytes, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 bool SendFrame(int fd, const std::string& body) {
-  const std::uint32_t length = static_cast<std::uint32_t>(body.size());
-  std::string frame(reinterpret_cast<const char*>(&length), 4);
-  frame += body;
-  return WriteFully(fd, frame.data(), frame.size());
+  return tessmar::tools::WriteFrame(fd, body);
 }
 
 bool ReceiveFrame(int fd, std::string& body) {
-  std::uint32_t length = 0;
-  if (!ReadFully(fd, reinterpret_cast<char*>(&length), 4)) return false;
-  body.resize(length);
-  return length == 0 || ReadFully(fd, &body[0], length);
+  return tessmar::tools::ReadFrame(fd, body) == tessmar::tools::FrameRead::kMessage;
 }
 
 // The anchor: reads a message, answers a reply of `reply_bytes`, until its

@@ -13,6 +13,7 @@
 
 #include "tessmar/host_protocol.h"
 #include "config/config_location.h"
+#include "frame.h"
 #include "support/bridge_calls.h"
 #include "support/isolated_process.h"
 #include "support/temp_home.h"
@@ -49,12 +50,8 @@ inline ProgramResult RunProgram(const std::vector<std::string>& argv,
   return result;
 }
 
-// A message as it travels on the FIFOs and the adapter's standard streams:
-// its length in 4 bytes of native byte order, then the body.
-inline std::string Frame(const std::string& body) {
-  const uint32_t n = static_cast<uint32_t>(body.size());
-  return std::string(reinterpret_cast<const char*>(&n), 4) + body;
-}
+// A message as it travels on the FIFOs and the adapter's standard streams.
+using tools::Frame;
 
 inline std::string Fifo(const char* name) {
   return std::string(std::getenv("HOME")) + kUserConfigSubdirectory + "/" + name;

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "bridge_host/host_fixture.h"
+#include "posix_io.h"
 
 namespace tessmar::testing {
 
@@ -25,17 +26,14 @@ HostScript& HostScript::Step(char op, const std::string& argument) {
 namespace {
 
 bool WriteAll(int fd, const std::string& bytes) {
-  return write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+  return tools::WriteFully(fd, bytes.data(), bytes.size());
 }
 
 // Exactly `size` bytes, or fewer at end of file.
 std::string ReadUpTo(int fd, std::size_t size) {
   std::string bytes(size, '\0');
-  std::size_t done = 0;
-  for (ssize_t n; done < size && (n = read(fd, &bytes[done], size - done)) > 0;) {
-    done += static_cast<std::size_t>(n);
-  }
-  bytes.resize(done);
+  const ssize_t got = tools::ReadFully(fd, &bytes[0], size);
+  bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
   return bytes;
 }
 

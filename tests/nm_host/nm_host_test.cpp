@@ -15,6 +15,7 @@
 #include "bridge_host/host_fixture.h"
 #include "config/json_file.h"
 #include "messages.h"
+#include "posix_io.h"
 #include "support/signed_installation.h"
 #include "tessmar/modhost.h"
 
@@ -138,11 +139,7 @@ class LiveAdapter {
 
  private:
   static void WriteAll(int fd, const std::string& bytes) {
-    for (std::size_t at = 0; at < bytes.size();) {
-      const ssize_t n = write(fd, bytes.data() + at, bytes.size() - at);
-      if (n <= 0) return;
-      at += static_cast<std::size_t>(n);
-    }
+    tools::WriteFully(fd, bytes.data(), bytes.size());
   }
   bool ReadExactly(char* buffer, std::size_t size, milliseconds timeout) {
     while (size > 0) {
