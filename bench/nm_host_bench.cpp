@@ -252,7 +252,10 @@ int main(int argc, char** argv) {
   // A signed sandbox installation with the stamp module.
   const std::string config = home + kConfigSubdirectory;
   const std::string sign = std::string("'") + TESSMAR_BENCH_SIGN + "' ";
-  if (!Run("mkdir -p '" + config + "' '" + home + "/install'")) return 1;
+  if (!Run("mkdir -p '" + config + "' '" + home + "/install'") ||
+      symlink(TESSMAR_BENCH_LIBRARY, (home + "/install/libTessmarFirefox.so").c_str()) != 0) {
+    return 1;
+  }
   std::ofstream(config + "/config.json") << "{\"Tessmar\":\"" << home << "/install\"}";
   int status = 0;
   if (!Run(sign + "install >/dev/null 2>&1") ||
