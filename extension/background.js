@@ -99,6 +99,12 @@ function onHostMessage(slot, message) {
     return;
   }
   slot.pending.delete(message.seq);
+  // A module that took a registration keeps its process: closing it would
+  // lose the registration. One that refused it may be closed to make room.
+  if (call.registers && typeof message.reply === 'string' &&
+      message.reply.includes('"status":"TRUE"')) {
+    slot.registered = true;
+  }
   answer(call, 'error' in message ? { error: String(message.error) } : { reply: message.reply });
 }
 
@@ -147,7 +153,7 @@ function dispatch(call, object) {
   }
   slot.pending.set(call.seq, call);
   slot.lastUse = call.seq;
-  if (object.cmd === 'setcallback') slot.registered = true;
+  call.registers = object.cmd === 'setcallback';
   try {
     slot.port.postMessage({ seq: call.seq, request: call.request });
   } catch (e) {
