@@ -9,7 +9,8 @@ the tests catch?
 `generate` scans the sources for places where a typical mistake can be made
 (a flipped comparison or logical operator, an off-by-one, a changed constant
 or status code, a deleted call, a changed letter in one of the reply texts)
-and keeps at most N of them per file (src/**/*.cpp and *.h), picked deterministically. The list is
+and keeps at most N of them per file (*.cpp and *.h under src/, tools/nm-host/
+and tools/reference-host/), picked deterministically. The list is
 committed; regenerate it when the code moves (a mutant whose line no longer
 holds its text is reported as stale, not run).
 
@@ -21,7 +22,8 @@ the test command's second stage runs it (leaks, out-of-bounds accesses and
 undefined behaviour then count); --plain skips that. A mutant is killed when
 a build or a test fails or times out. A mutant may be marked
 equivalent in the list's last column (with the reason); it is then skipped.
-The summary gives killed/survived per subsystem (src/<subsystem>/) and lists
+The summary gives killed/survived per subsystem (src/<subsystem>/, and each of
+the two tools) and lists
 the survivors.
 
 A developer tool, not part of the test command. Exit status: 0 done, 1 a
@@ -62,8 +64,14 @@ DELETABLE = re.compile(
     r"pthread_join|waitpid|QueueCallback|Terminate|FreeString)\b.*;\s*$")
 
 
+# The library, and the two tools that stand between it and the outside: the
+# native-messaging adapter and the reference host.
+MUTATED_TREES = ("src", "tools/nm-host", "tools/reference-host")
+
+
 def source_files():
-    return sorted(p for p in (ROOT / "src").rglob("*") if p.suffix in (".cpp", ".h"))
+    return sorted(p for tree in MUTATED_TREES for p in (ROOT / tree).rglob("*")
+                  if p.suffix in (".cpp", ".h"))
 
 
 def code_lines(path):
@@ -197,7 +205,8 @@ def run(only, build, timeout, plain):
     for m in load():
         if only and only not in describe(m):
             continue
-        subsystem = pathlib.Path(m["file"]).parts[1]
+        parts = pathlib.Path(m["file"]).parts
+        subsystem = "/".join(parts[:2]) if parts[0] == "tools" else parts[1]
         counts = results.setdefault(subsystem, [0, 0, 0, 0])
         if m["equivalent"]:
             counts[3] += 1
