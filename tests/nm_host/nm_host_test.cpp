@@ -225,6 +225,8 @@ TEST(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
   EXPECT_EQ(Envelope("1", odd), Text(session.messages[8], "reply"));
   EXPECT_EQ(Envelope("2", "\"a\xef\xbf\xbd" "b\xef\xbf\xbd(c\""),
             Text(session.messages[9], "reply"));
+  // A sequence broken after its second byte is replaced byte by byte too.
+  EXPECT_EQ("\"\\ufffd\\ufffd(\"", nm::Quote("\xe2\x82("));
   EXPECT_EQ(Envelope("3", "{}"), Text(session.messages[10], "reply"));
 }
 
