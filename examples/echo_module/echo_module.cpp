@@ -7,7 +7,8 @@
 //     where "length" is the byte length of the whole request text.
 //   - A "setcallback" request registers the page's callback and is answered
 //         {"module":"echo","registered":true,"callback":"onEcho"}
-//     (or {"module":"echo","registered":false} when it names no callback).
+//     (or {"module":"echo","registered":false} when it names no callback,
+//     or one that is not made of letters, digits, "_", "." and "$").
 //     About 50 ms later the module sends one message to that callback:
 //         {"module":"echo","event":"ping","id":"7"}
 //     The host wraps it and queues it for the page's tab.
@@ -37,8 +38,19 @@
 
 namespace {
 
-// How long the module waits before it answers a registration.
+// The delay before a registration's ping.
 constexpr std::chrono::milliseconds kCallbackDelay(50);
+
+// The host copies callback names into callback texts unescaped, and they
+// route callbacks: only names that need no escaping cannot forge a route.
+bool PlainName(const std::string& name) {
+  for (const char c : name) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                       (c >= '0' && c <= '9') || c == '_' || c == '.' || c == '$';
+    if (!plain) return false;
+  }
+  return true;
+}
 
 struct Echo {
   tessmar::Reply invoke(const tessmar::Request& request) {
@@ -51,7 +63,9 @@ struct Echo {
   // `page` is the request's tab and its "callback" member.
   tessmar::Reply set_callback(const tessmar::Request& request,
                               tessmar::Callback page) {
-    if (!page) return {{"module", "echo"}, {"registered", false}};
+    if (!page || !PlainName(page.name())) {
+      return {{"module", "echo"}, {"registered", false}};
+    }
     tessmar::after(kCallbackDelay, [page, id = std::string(request.id())] {
       page.send({{"module", "echo"}, {"event", "ping"}, {"id", id}});
     });

@@ -7,7 +7,8 @@
  *     N being the byte length of the whole request text.
  *   - A "setcallback" request is answered
  *         {"module":"echo","registered":true,"callback":"NAME"}
- *     ({"module":"echo","registered":false} without a "callback" member),
+ *     ({"module":"echo","registered":false} without a "callback" member or
+ *     with one not made of letters, digits, "_", "." and "$"),
  *     and about 50 ms later a worker thread sends to that callback
  *         {"module":"echo","event":"ping","id":"..."}
  *
@@ -117,6 +118,19 @@ static char* callback_member(const char* request) {
   }
   if (root != NULL) json_value_free(root);
   return name;
+}
+
+/* The host copies a callback name into the callback text as it stands, and
+ * extensions route callbacks by that text: a name holding a quote could
+ * forge where a callback goes. Only names that need no escaping are taken. */
+static int plain_name(const char* name) {
+  for (; *name != '\0'; ++name) {
+    const char c = *name;
+    if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+          (c >= '0' && c <= '9') || c == '_' || c == '.' || c == '$'))
+      return 0;
+  }
+  return 1;
 }
 
 /* --- The worker thread -------------------------------------------------- */
@@ -230,7 +244,7 @@ static char* SetCallback(const char* origin, const char* id,
   (void)origin;
   (void)flag; /* always 1 */
   char* callback = request ? callback_member(request) : NULL;
-  Pending* p = callback && tabid ? calloc(1, sizeof *p) : NULL;
+  Pending* p = callback && tabid && plain_name(callback) ? calloc(1, sizeof *p) : NULL;
   Buffer b = {0};
   if (p == NULL) {
     free(callback);

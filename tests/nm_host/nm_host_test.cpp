@@ -208,10 +208,12 @@ TEST(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
           // Bytes that are not UTF-8 become U+FFFD; the rest is kept.
           Request(8, ModuleRequest("2", R"(,"badUtf8":true)")) +
           // A module writing to standard output cannot break the stream.
-          Request(9, ModuleRequest("3", R"(,"print":true)")));
+          Request(9, ModuleRequest("3", R"(,"print":true)")) +
+          // The example module takes only callback names that need no escaping.
+          Request(10, R"({"cmd":"setcallback","id":"4","tabid":"t","callback":"a\"b","module":"echo"})"));
   EXPECT_EQ(0, session.exit_code);
   EXPECT_EQ("a module writing to standard output\n", session.err);
-  ASSERT_EQ(11u, session.messages.size());
+  ASSERT_EQ(12u, session.messages.size());
   const std::string echo = process_request(nullptr, kEcho, sizeof kEcho - 1, nullptr);
   EXPECT_EQ("{\"seq\":1,\"reply\":" + nm::Quote(echo) + "}", session.messages[0]);
   EXPECT_EQ(R"({"seq":2,"reply":null})", session.messages[1]);
@@ -228,6 +230,8 @@ TEST(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
   // A sequence broken after its second byte is replaced byte by byte too.
   EXPECT_EQ("\"\\ufffd\\ufffd(\"", nm::Quote("\xe2\x82("));
   EXPECT_EQ(Envelope("3", "{}"), Text(session.messages[10], "reply"));
+  EXPECT_NE(std::string::npos,
+            Text(session.messages[11], "reply").find(R"("reply":{"module":"echo","registered":false})"));
 }
 
 TEST(NmHostTest, KeepsEveryMessageWithinTheProtocolsLimits) {
