@@ -12,10 +12,7 @@
 #include <benchmark/benchmark.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
-#include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -26,14 +23,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "echo_request.h"
 #include "frame.h"
+#include "support/piped_child.h"
 
 namespace {
+
+using tessmar::testing::PipedChild;
 
 constexpr char kConfigSubdirectory[] = "/.config/Pelmora/Tessmar/morrowhost";
 
@@ -77,61 +78,27 @@ bool ReceiveFrame(int fd, std::string& body) {
 // A child process on a pair of pipes: the adapter, or the anchor.
 class Peer {
  public:
-  // Runs `argv`, or MinimalHost(reply_bytes) when argv is empty.
-  Peer(std::vector<std::string> argv, std::size_t reply_bytes = 0) {
-    int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], 0);
-      dup2(out[1], 1);
-      close(in[1]);  // or the anchor, which does not exec, never sees its end
-      close(out[0]);
-      if (argv.empty()) MinimalHost(reply_bytes);
-      std::vector<char*> args;
-      for (std::string& arg : argv) args.push_back(&arg[0]);
-      args.push_back(nullptr);
-      execv(args[0], args.data());
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    to_ = in[1];
-    from_ = out[0];
+  // Runs `argv` and reads its {"mode":...} message, or MinimalHost(reply_bytes)
+  // when argv is empty.
+  explicit Peer(std::vector<std::string> argv, std::size_t reply_bytes = 0)
+      : child_(argv.empty()
+                   ? std::make_unique<PipedChild>([reply_bytes] { MinimalHost(reply_bytes); })
+                   : std::make_unique<PipedChild>(argv)) {
     std::string mode;
-    if (!argv.empty() && !Receive(mode)) pid_ = -1;  // {"mode":...} first
+    if (!argv.empty()) Receive(mode);
   }
-  ~Peer() {
-    close(to_);
-    close(from_);
-    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+  bool Send(const std::string& body) {
+    child_->Write(tessmar::tools::Frame(body));
+    return true;
   }
-  bool ok() const { return pid_ > 0; }
-  bool Send(const std::string& body) { return SendFrame(to_, body); }
-  bool Receive(std::string& body) { return ReceiveFrame(from_, body); }
-
-  // Context switches of all its threads so far: every wake-up is one.
-  long ContextSwitches() const {
-    long total = 0;
-    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
-    DIR* dir = opendir(tasks.c_str());
-    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-      if (entry->d_name[0] == '.') continue;
-      std::ifstream status(tasks + "/" + entry->d_name + "/status");
-      for (std::string line; std::getline(status, line);) {
-        if (line.find("ctxt_switches:") != std::string::npos) {
-          total += std::stol(line.substr(line.find(':') + 1));
-        }
-      }
-    }
-    if (dir != nullptr) closedir(dir);
-    return total;
+  bool Receive(std::string& body) {
+    body = child_->Read();
+    return body != "<none>";
   }
+  long ContextSwitches() const { return child_->ContextSwitches(); }
 
  private:
-  pid_t pid_ = -1;
-  int to_ = -1;
-  int from_ = -1;
+  std::unique_ptr<PipedChild> child_;
 };
 
 std::size_t g_reply_bytes = 0;  // the adapter's reply to the echo request

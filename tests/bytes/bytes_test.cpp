@@ -11,16 +11,11 @@
 
 namespace {
 
+using tessmar::testing::BinaryData;
 using tessmar::testing::ReadFile;
 using tessmar::testing::TempHome;
 using Pieces = std::vector<std::string>;
 
-// Bytes 0..255 repeated: NULs, high bytes, and more than one block.
-std::string BinaryData(std::size_t size) {
-  std::string data(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * 7);
-  return data;
-}
 
 TEST(FileData, ReadsWholeFilesAndReportsWhetherAWriteReachedTheFile) {
   TempHome home;

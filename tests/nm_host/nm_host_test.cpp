@@ -1,21 +1,15 @@
 // tessmar-nm-host as the browser runs it: framed messages on its standard
 // input, framed messages back on its standard output.
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include "bridge_host/host_fixture.h"
 #include "config/json_file.h"
 #include "messages.h"
-#include "posix_io.h"
+#include "support/piped_child.h"
 #include "support/signed_installation.h"
 #include "tessmar/modhost.h"
 
@@ -67,104 +61,12 @@ Session RunAdapter(std::vector<std::string> args, const std::string& input,
 
 // The adapter as a browser keeps it: running, its pipes open, while the
 // test writes messages, reads answers and watches the process.
-class LiveAdapter {
- public:
-  explicit LiveAdapter(std::vector<std::string> args) {
-    args.insert(args.begin(), kNmHost);
-    int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], 0);
-      dup2(out[1], 1);
-      std::vector<char*> argv;
-      for (std::string& arg : args) argv.push_back(&arg[0]);
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    in_ = in[1];
-    out_ = out[0];
-  }
-  ~LiveAdapter() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      Wait();
-    }
-  }
-
-  // Writes from a thread of its own: the adapter may be slow to read.
-  std::thread WriteInBackground(std::string bytes) {
-    return std::thread([fd = in_, bytes = std::move(bytes)] {
-      WriteAll(fd, bytes);
-    });
-  }
-  void Write(const std::string& bytes) { WriteAll(in_, bytes); }
-
-  // The next message, or "<none>" when none comes within `timeout`.
-  std::string Read(milliseconds timeout = milliseconds(60000)) {
-    std::uint32_t length = 0;
-    if (!ReadExactly(reinterpret_cast<char*>(&length), 4, timeout)) return "<none>";
-    std::string body(length, '\0');
-    if (!ReadExactly(&body[0], length, timeout)) return "<none>";
-    return body;
-  }
-
-  // Context switches of all its threads so far: every wake-up is one.
-  long ContextSwitches() const {
-    long total = 0;
-    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
-    DIR* dir = opendir(tasks.c_str());
-    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-      if (entry->d_name[0] == '.') continue;
-      std::ifstream status(tasks + "/" + entry->d_name + "/status");
-      for (std::string line; std::getline(status, line);) {
-        if (line.find("ctxt_switches:") != std::string::npos) {
-          total += std::stol(line.substr(line.find(':') + 1));
-        }
-      }
-    }
-    if (dir != nullptr) closedir(dir);
-    return total;
-  }
-
-  // Closes its input and waits for the exit; the peak resident size in KiB.
-  long CloseAndWait() {
-    close(in_);
-    in_ = -1;
-    return Wait();
-  }
-
- private:
-  static void WriteAll(int fd, const std::string& bytes) {
-    tools::WriteFully(fd, bytes.data(), bytes.size());
-  }
-  bool ReadExactly(char* buffer, std::size_t size, milliseconds timeout) {
-    while (size > 0) {
-      pollfd wait{out_, POLLIN, 0};
-      if (poll(&wait, 1, static_cast<int>(timeout.count())) != 1) return false;
-      const ssize_t n = read(out_, buffer, size);
-      if (n <= 0) return false;
-      buffer += n;
-      size -= static_cast<std::size_t>(n);
-    }
-    return true;
-  }
-  long Wait() {
-    int status;
-    rusage usage{};
-    wait4(pid_, &status, 0, &usage);
-    pid_ = -1;
-    exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return usage.ru_maxrss;
-  }
-
-  pid_t pid_ = -1;
-  int in_ = -1;
-  int out_ = -1;
-  int exit_code_ = -1;
+struct LiveAdapter : PipedChild {
+  explicit LiveAdapter(std::vector<std::string> args)
+      : PipedChild([&args] {
+          args.insert(args.begin(), kNmHost);
+          return args;
+        }()) {}
 };
 
 // A string member of a message, decoded ("" when absent).

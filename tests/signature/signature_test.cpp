@@ -15,6 +15,7 @@
 
 namespace {
 
+using tessmar::testing::BinaryData;
 using tessmar::testing::ReadFile;
 using tessmar::testing::SignedInstallation;
 using tessmar::testing::TempHome;
@@ -40,12 +41,6 @@ std::string Stretched(std::string acc) {
 }
 std::string Salt(const std::string& product, const std::string& maker) {
   return product + maker + Sha256(product + maker);
-}
-// Bytes 0..255 repeated: NULs, high bytes, and more than one block.
-std::string BinaryData(std::size_t size) {
-  std::string data(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * 7);
-  return data;
 }
 
 // Seeds end at every offset around block boundaries, so the rounds' appended

@@ -74,6 +74,13 @@ class TempHome {
   std::optional<std::string> old_home_;
 };
 
+// Bytes 0..255 repeated (times 7): NULs, high bytes, and more than one block.
+inline std::string BinaryData(std::size_t size) {
+  std::string data(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * 7);
+  return data;
+}
+
 }  // namespace tessmar::testing
 
 #endif  // TESSMAR_TESTS_SUPPORT_TEMP_HOME_H

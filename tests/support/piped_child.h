@@ -1,0 +1,142 @@
+// A child process on two pipes, as a browser keeps its native-messaging
+// host: the parent writes framed messages to its standard input, reads
+// framed messages from its standard output and watches the process. Shared
+// by the adapter's tests and its benchmark.
+#ifndef TESSMAR_TESTS_SUPPORT_PIPED_CHILD_H
+#define TESSMAR_TESTS_SUPPORT_PIPED_CHILD_H
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "posix_io.h"
+
+namespace tessmar::testing {
+
+class PipedChild {
+ public:
+  // Runs `argv`.
+  explicit PipedChild(std::vector<std::string> argv)
+      : PipedChild([&argv] {
+          std::vector<char*> args;
+          for (std::string& arg : argv) args.push_back(&arg[0]);
+          args.push_back(nullptr);
+          execv(args[0], args.data());
+        }) {}
+
+  // Runs `body` in the forked child, which then exits.
+  explicit PipedChild(const std::function<void()>& body) {
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      close(in[1]);  // a child that does not exec would keep its own input open
+      close(out[0]);
+      body();
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    in_ = in[1];
+    out_ = out[0];
+  }
+  ~PipedChild() {
+    if (in_ >= 0) close(in_);
+    close(out_);
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      Wait();
+    }
+  }
+  PipedChild(const PipedChild&) = delete;
+  PipedChild& operator=(const PipedChild&) = delete;
+
+  void Write(const std::string& bytes) {
+    tools::WriteFully(in_, bytes.data(), bytes.size());
+  }
+  // Writes from a thread of its own, for a child that may be slow to read.
+  std::thread WriteInBackground(std::string bytes) {
+    return std::thread([fd = in_, bytes = std::move(bytes)] {
+      tools::WriteFully(fd, bytes.data(), bytes.size());
+    });
+  }
+
+  // The next message's body, or "<none>" when none comes within `timeout`.
+  std::string Read(std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+    std::uint32_t length = 0;
+    if (!ReadExactly(&length, sizeof length, timeout)) return "<none>";
+    std::string body(length, '\0');
+    if (!ReadExactly(&body[0], length, timeout)) return "<none>";
+    return body;
+  }
+
+  // Context switches of all its threads so far: every wake-up is one.
+  long ContextSwitches() const {
+    long total = 0;
+    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
+    DIR* dir = opendir(tasks.c_str());
+    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+      if (entry->d_name[0] == '.') continue;
+      std::ifstream status(tasks + "/" + entry->d_name + "/status");
+      for (std::string line; std::getline(status, line);) {
+        if (line.find("ctxt_switches:") != std::string::npos) {
+          total += std::stol(line.substr(line.find(':') + 1));
+        }
+      }
+    }
+    if (dir != nullptr) closedir(dir);
+    return total;
+  }
+
+  // Closes its input and waits for its exit; its peak resident size in KiB.
+  long CloseAndWait() {
+    close(in_);
+    in_ = -1;
+    return Wait();
+  }
+
+ private:
+  bool ReadExactly(void* buffer, std::size_t size, std::chrono::milliseconds timeout) {
+    auto* bytes = static_cast<char*>(buffer);
+    while (size > 0) {
+      pollfd wait{out_, POLLIN, 0};
+      if (poll(&wait, 1, static_cast<int>(timeout.count())) != 1) return false;
+      const ssize_t n = read(out_, bytes, size);
+      if (n <= 0) return false;
+      bytes += n;
+      size -= static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+  long Wait() {
+    int status;
+    rusage usage{};
+    wait4(pid_, &status, 0, &usage);
+    pid_ = -1;
+    return usage.ru_maxrss;
+  }
+
+  pid_t pid_ = -1;
+  int in_ = -1;
+  int out_ = -1;
+};
+
+}  // namespace tessmar::testing
+
+#endif  // TESSMAR_TESTS_SUPPORT_PIPED_CHILD_H
