@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
-#include <ostream>
 #include <string>
 
 #include "support/isolated_process.h"
@@ -48,43 +47,30 @@ std::string Answer(int status) {
       kTimeoutSeconds, kMemoryHeadroom);
 }
 
-// A module file "odd.json" that cannot be read as one.
-struct OddModuleFile {
-  const char* what;
-  std::function<void(const std::string& path)> make;
-};
-
-void PrintTo(const OddModuleFile& file, std::ostream* out) { *out << file.what; }
-
-class OddModuleFileTest : public ::testing::TestWithParam<OddModuleFile> {};
-
-TEST_P(OddModuleFileTest, ReadsAsAMissingModuleFile) {
-  ModuleSandbox s;
-  s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
-  const std::string path = s.home.ConfigDir() + "/odd.json";
-  GetParam().make(path);
-  EXPECT_TRUE(Promptly([&] {
-    EXPECT_EQ(Request("odd"), Answer(REPLY_FALSE));
-    EXPECT_EQ(GetClientInstallPathModule("odd", true), "");
-    EXPECT_EQ(GetClientVersion("odd"), "");
-    EXPECT_EQ(LoadQxClient("odd", nullptr), QX_LOAD_OPEN_FAILED);
-    EXPECT_EQ(Request("rec"), BuildReplyEnvelope("8", "t", REPLY_TRUE,
-                                                 R"({"from":"a","call":1})", "c"));
-  }));
+// A module file "odd.json" that cannot be read as one reads as a missing
+// one: a FIFO, a link to /dev/zero, a file over the 1 MiB limit.
+TEST(UnusualFiles, ModuleFileThatCannotBeReadReadsAsMissing) {
+  const std::function<void(const std::string&)> kinds[] = {
+      [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); },
+      [](const std::string& path) { ASSERT_EQ(symlink("/dev/zero", path.c_str()), 0); },
+      [](const std::string& path) {
+        WriteFile(path, R"({"Name":"odd","Path":"/x","Version":"1.0.0.1"})" +
+                            std::string(1 << 20, ' '));
+      }};
+  for (const auto& make : kinds) {
+    ModuleSandbox s;
+    s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
+    make(s.home.ConfigDir() + "/odd.json");
+    EXPECT_TRUE(Promptly([&] {
+      EXPECT_EQ(Request("odd"), Answer(REPLY_FALSE));
+      EXPECT_EQ(GetClientInstallPathModule("odd", true), "");
+      EXPECT_EQ(GetClientVersion("odd"), "");
+      EXPECT_EQ(LoadQxClient("odd", nullptr), QX_LOAD_OPEN_FAILED);
+      EXPECT_EQ(Request("rec"), BuildReplyEnvelope("8", "t", REPLY_TRUE,
+                                                   R"({"from":"a","call":1})", "c"));
+    }));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, OddModuleFileTest,
-    ::testing::Values(
-        OddModuleFile{"Fifo", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); }},
-        OddModuleFile{"LinkToDevZero",
-                      [](const std::string& path) { ASSERT_EQ(symlink("/dev/zero", path.c_str()), 0); }},
-        OddModuleFile{"OverOneMebibyte",
-                      [](const std::string& path) {
-                        WriteFile(path, R"({"Name":"odd","Path":"/x","Version":"1.0.0.1"})" +
-                                            std::string(1 << 20, ' '));
-                      }}),
-    [](const ::testing::TestParamInfo<OddModuleFile>& info) { return std::string(info.param.what); });
 
 TEST(UnusualFiles, ModuleLibraryThatIsAFifoFailsItsSignature) {
   ModuleSandbox s;

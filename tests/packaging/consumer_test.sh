@@ -4,8 +4,7 @@
 # clock and the echo module in C++, the echo module in C) with
 # tessmar_add_module. The modules are signed with their -sign targets in a
 # temporary HOME whose config.json names the prefix's installation, and are
-# answered in-process and through the host by tessmar-drive and by the
-# browser adapter TessmarChrome.
+# answered in-process and through the host by tessmar-drive.
 #   consumer_test.sh PREFIX SOURCE_DIR WORK_DIR
 set -euo pipefail
 prefix=$1 source=$2 work=$3
@@ -77,22 +76,4 @@ for mode in "" --host; do
   [ "$(grep -c '"callback":"cb", "reply":' <<<"$out")" -eq 3 ] || fail "$route: three callbacks: $out"
 done
 
-# The adapter speaks native messaging: 32-bit length, then the JSON text.
-frame() {
-  local n
-  n=$(printf '%s' "$1" | LC_ALL=C wc -c)
-  printf "$(printf '\\%03o\\%03o\\%03o\\%03o' $((n & 255)) $((n >> 8 & 255)) $((n >> 16 & 255)) $((n >> 24 & 255)))"
-  printf '%s' "$1"
-}
-for mode in "" --host; do
-  route="TessmarChrome ${mode:-in-process}"
-  out=$( { frame "{\"seq\":1,\"request\":$(native 1 clock | sed 's/["\\]/\\&/g; s/.*/"&"/')}"
-           frame "{\"seq\":2,\"request\":$(native 2 echo_c | sed 's/["\\]/\\&/g; s/.*/"&"/')}"
-           sleep 1; } | timeout 30 "$install_dir/TessmarChrome" $mode | LC_ALL=C tr -c '[:print:]' '\n')
-  contains "$out" "{\"mode\":\"$([ -n "$mode" ] && echo host || echo in-process)\"}" "$route mode"
-  contains "$out" '{"seq":1,"reply":' "$route clock"
-  contains "$out" '\"reply\":{\"now\":' "$route clock"
-  contains "$out" "{\"seq\":2,\"reply\":" "$route echo_c"
-  contains "$out" '\"id\":\"2\",\"length\":' "$route echo_c"
-done
 echo "consumer test passed"
