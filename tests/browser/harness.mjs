@@ -26,8 +26,6 @@ const built = {
 };
 
 export const HOST_NAME = 'zz.qx.pelmora.morrowhost';
-const FIREFOX_ID = 'morrowhost@tessmar.example';
-const CHROMIUM_ID = 'iaghghbfgccdnekniolijnbhddkhdjnl';
 export const MODULE_VERSION = '1.0.0.1';
 
 // Every browser session ends within this, whatever happens in it.
@@ -88,21 +86,16 @@ export function makeSandbox(browser, { hostMode = false } = {}) {
   const manifestDir = browser === 'firefox'
     ? path.join(home, '.mozilla', 'native-messaging-hosts')
     : path.join(profile, 'NativeMessagingHosts');
+  // The adapter writes its own manifest, as a user would have it do.
+  execFileSync(adapter, ['--install-manifests', browser, '--dir', manifestDir],
+               { env, stdio: 'pipe' });
   if (hostMode) {
-    // A manifest cannot pass options: a wrapper does.
+    // A manifest cannot pass options: it names a wrapper that does.
     const wrapper = path.join(dir, 'nm-host-in-host-mode');
     fs.writeFileSync(wrapper, `#!/bin/sh\nexec '${adapter}' --host "$@"\n`, { mode: 0o755 });
-    fs.mkdirSync(manifestDir, { recursive: true });
-    fs.writeFileSync(path.join(manifestDir, `${HOST_NAME}.json`), JSON.stringify({
-      name: HOST_NAME, description: 'Tessmar (host mode)', path: wrapper, type: 'stdio',
-      ...(browser === 'firefox'
-        ? { allowed_extensions: [FIREFOX_ID] }
-        : { allowed_origins: [`chrome-extension://${CHROMIUM_ID}/`] }),
-    }));
-  } else {
-    // The adapter writes its own manifest, as a user would have it do.
-    execFileSync(adapter, ['--install-manifests', browser, '--dir', manifestDir],
-                 { env, stdio: 'pipe' });
+    const manifest = path.join(manifestDir, `${HOST_NAME}.json`);
+    fs.writeFileSync(manifest, JSON.stringify(
+      { ...JSON.parse(fs.readFileSync(manifest, 'utf8')), path: wrapper }));
   }
   return { dir, home, install, configDir, profile, env };
 }
