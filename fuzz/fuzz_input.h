@@ -7,9 +7,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -72,10 +72,7 @@ inline std::string MakeFuzzHome() {
 }
 
 inline void WriteFile(const std::string& path, const std::string& data) {
-  FILE* file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr) std::abort();
-  std::fwrite(data.data(), 1, data.size(), file);
-  std::fclose(file);
+  if (!(std::ofstream(path, std::ios::binary) << data)) std::abort();
 }
 
 }  // namespace tessmar::fuzz

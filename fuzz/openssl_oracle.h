@@ -24,16 +24,13 @@ inline std::string OracleDigest(const EVP_MD* md, const std::string& message) {
 // ECB, CBC, OFB, CFB (128-bit feedback) and CTR; PKCS#7 when `padded`.
 inline std::string OracleEncrypt(uint32_t algorithm, uint8_t mode, const unsigned char* key,
                                  const unsigned char* iv, bool padded, const std::string& text) {
-  using Getter = const EVP_CIPHER* (*)();
-  static const Getter kCiphers[][3] = {  // by mode / 0x10 - 1
-      {EVP_aes_128_ecb, EVP_aes_192_ecb, EVP_aes_256_ecb},
-      {EVP_aes_128_cbc, EVP_aes_192_cbc, EVP_aes_256_cbc},
-      {EVP_aes_128_ofb, EVP_aes_192_ofb, EVP_aes_256_ofb},
-      {EVP_aes_128_cfb128, EVP_aes_192_cfb128, EVP_aes_256_cfb128},
-      {EVP_aes_128_ctr, EVP_aes_192_ctr, EVP_aes_256_ctr}};
+  static const char* const kModes[] = {"ecb", "cbc", "ofb", "cfb", "ctr"};  // by mode / 0x10 - 1
+  const std::string name = "aes-" + std::to_string(128 + 64 * (algorithm - BC_ALG_AES128)) + "-" +
+                           kModes[mode / 0x10 - 1];
   EVP_CIPHER_CTX* c = EVP_CIPHER_CTX_new();
-  if (c == nullptr) std::abort();
-  EVP_EncryptInit_ex(c, kCiphers[mode / 0x10 - 1][algorithm - BC_ALG_AES128](), nullptr, key, iv);
+  if (c == nullptr || EVP_EncryptInit_ex(c, EVP_get_cipherbyname(name.c_str()), nullptr, key, iv) != 1) {
+    std::abort();
+  }
   EVP_CIPHER_CTX_set_padding(c, padded ? 1 : 0);
   std::string out(text.size() + 32, '\0');
   int n = 0, m = 0;

@@ -33,6 +33,27 @@ const Bytes kKey256 = FromHex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72
 const Bytes kIv = FromHex("000102030405060708090a0b0c0d0e0f");
 const Bytes kCounter = FromHex("f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff");
 
+// AES-128 in every mode (F.1.1, F.2.1, F.3.13, F.4.1, F.5.1), AES-192 and
+// -256 in ECB (F.1.3, F.1.5): the key length is picked by the algorithm alone,
+// the same way for every mode, and each variant's round counts are checked
+// against the portable code in aes_test.
+const struct { uint8_t mode; uint32_t algorithm; const char* cipher; } kVectors[] = {
+    {BC_MODE_ECB, BC_ALG_AES128, "3ad77bb40d7a3660a89ecaf32466ef97f5d3d58503b9699de785895a96fdbaaf"
+                                 "43b1cd7f598ece23881b00e3ed0306887b0c785e27e8ad3f8223207104725dd4"},
+    {BC_MODE_CBC, BC_ALG_AES128, "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
+                                 "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7"},
+    {BC_MODE_CFB, BC_ALG_AES128, "3b3fd92eb72dad20333449f8e83cfb4ac8a64537a0b3a93fcde3cdad9f1ce58b"
+                                 "26751f67a3cbb140b1808cf187a4f4dfc04b05357c5d1c0eeac4c66f9ff7f2e6"},
+    {BC_MODE_OFB, BC_ALG_AES128, "3b3fd92eb72dad20333449f8e83cfb4a7789508d16918f03f53c52dac54ed825"
+                                 "9740051e9c5fecf64344f7a82260edcc304c6528f659c77866a510d9c1d6ae5e"},
+    {BC_MODE_CTR, BC_ALG_AES128, "874d6191b620e3261bef6864990db6ce9806f66b7970fdff8617187bb9fffdff"
+                                 "5ae4df3edbd5d35e5b4f09020db03eab1e031dda2fbe03d1792170a0f3009cee"},
+    {BC_MODE_ECB, BC_ALG_AES192, "bd334f1d6e45f25ff712a214571fa5cc974104846d0ad3ad7734ecb3ecee4eef"
+                                 "ef7afd2270e2e60adce0ba2face6444e9a4b41ba738d6c72fb16691603c18e0e"},
+    {BC_MODE_ECB, BC_ALG_AES256, "f3eed1bdb5d2a03c064b5a7e3db181f8591ccb10d410ed26dc5ba74a31362870"
+                                 "b6ed21b99ca6f4f9f153e7b1beafed1d23304b7a39f9f3ff067d8d8f9e24ecc7"}};
+const Bytes kCbc128 = FromHex(kVectors[1].cipher), kCfb128 = FromHex(kVectors[2].cipher);
+
 struct CipherSetup {
   uint32_t algorithm;
   uint8_t mode;
@@ -88,127 +109,81 @@ Result Transform(const CipherSetup& s, const Bytes& in, const Chunks& chunks) {
   r.status = Final(ctx.get(), &r.data);
   return r;
 }
-
-// F.1.1/F.1.3/F.1.5 ECB, F.2.1/F.2.3/F.2.5 CBC, F.3.13/F.3.15/F.3.17 CFB128,
-// F.4.1/F.4.3/F.4.5 OFB, F.5.1/F.5.3/F.5.5 CTR, each for AES-128, -192, -256.
-const struct { uint8_t mode; const char* cipher[3]; } kVectors[] = {
-    {BC_MODE_ECB, {"3ad77bb40d7a3660a89ecaf32466ef97f5d3d58503b9699de785895a96fdbaaf"
-                   "43b1cd7f598ece23881b00e3ed0306887b0c785e27e8ad3f8223207104725dd4",
-                   "bd334f1d6e45f25ff712a214571fa5cc974104846d0ad3ad7734ecb3ecee4eef"
-                   "ef7afd2270e2e60adce0ba2face6444e9a4b41ba738d6c72fb16691603c18e0e",
-                   "f3eed1bdb5d2a03c064b5a7e3db181f8591ccb10d410ed26dc5ba74a31362870"
-                   "b6ed21b99ca6f4f9f153e7b1beafed1d23304b7a39f9f3ff067d8d8f9e24ecc7"}},
-    {BC_MODE_CBC, {"7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
-                   "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7",
-                   "4f021db243bc633d7178183a9fa071e8b4d9ada9ad7dedf4e5e738763f69145a"
-                   "571b242012fb7ae07fa9baac3df102e008b0e27988598881d920a9e64f5615cd",
-                   "f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d"
-                   "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b"}},
-    {BC_MODE_CFB, {"3b3fd92eb72dad20333449f8e83cfb4ac8a64537a0b3a93fcde3cdad9f1ce58b"
-                   "26751f67a3cbb140b1808cf187a4f4dfc04b05357c5d1c0eeac4c66f9ff7f2e6",
-                   "cdc80d6fddf18cab34c25909c99a417467ce7f7f81173621961a2b70171d3d7a"
-                   "2e1e8a1dd59b88b1c8e60fed1efac4c9c05f9f9ca9834fa042ae8fba584b09ff",
-                   "dc7e84bfda79164b7ecd8486985d386039ffed143b28b1c832113c6331e5407b"
-                   "df10132415e54b92a13ed0a8267ae2f975a385741ab9cef82031623d55b1e471"}},
-    {BC_MODE_OFB, {"3b3fd92eb72dad20333449f8e83cfb4a7789508d16918f03f53c52dac54ed825"
-                   "9740051e9c5fecf64344f7a82260edcc304c6528f659c77866a510d9c1d6ae5e",
-                   "cdc80d6fddf18cab34c25909c99a4174fcc28b8d4c63837c09e81700c1100401"
-                   "8d9a9aeac0f6596f559c6d4daf59a5f26d9f200857ca6c3e9cac524bd9acc92a",
-                   "dc7e84bfda79164b7ecd8486985d38604febdc6740d20b3ac88f6ad82a4fb08d"
-                   "71ab47a086e86eedf39d1c5bba97c4080126141d67f37be8538f5a8be740e484"}},
-    {BC_MODE_CTR, {"874d6191b620e3261bef6864990db6ce9806f66b7970fdff8617187bb9fffdff"
-                   "5ae4df3edbd5d35e5b4f09020db03eab1e031dda2fbe03d1792170a0f3009cee",
-                   "1abc932417521ca24f2b0459fe7e6e0b090339ec0aa6faefd5ccc2c6f4ce8e94"
-                   "1e36b26bd1ebc670d1bd1d665620abf74f78a7f6d29809585a97daec58c6b050",
-                   "601ec313775789a5b7a7f504bbf3d228f443e3ca4d62b59aca84e990cacaf5c5"
-                   "2b0930daa23de94ce87017ba2d84988ddfc9c58db67aada613c2dd08457941a6"}}};
-const Bytes kCbc128 = FromHex(kVectors[1].cipher[0]);
+Bytes Ok(const Result& r) {
+  EXPECT_EQ(BC_OK, r.status);
+  return r.data;
+}
 
 class BlockCipher : public AesVariantTest {};
 TESSMAR_AES_VARIANT_SUITE(BlockCipher);
 
 TEST_P(BlockCipher, PublishedVectorsWholeAndBlockwiseBothDirections) {
-  const Bytes* const keys[] = {&kKey128, &kKey192, &kKey256};
   for (const auto& v : kVectors) {
-    for (uint32_t k = 0; k < 3; ++k) {
-      SCOPED_TRACE(testing::Message() << "mode " << int{v.mode} << " AES-" << 128 + 64 * k);
-      const CipherSetup s = {BC_ALG_AES128 + k, v.mode, 1, *keys[k],
-                       v.mode == BC_MODE_ECB ? Bytes() : v.mode == BC_MODE_CTR ? kCounter : kIv, 1};
-      const Bytes cipher = FromHex(v.cipher[k]);
-      for (const Chunks& chunks : {Chunks{64}, Chunks{16, 16, 16, 16}}) {
-        CipherSetup d = s;
-        d.direction = 0;
-        const Result enc = Transform(s, kPlain, chunks), dec = Transform(d, cipher, chunks);
-        EXPECT_EQ(BC_OK, enc.status);
-        EXPECT_EQ(cipher, enc.data);
-        EXPECT_EQ(BC_OK, dec.status);
-        EXPECT_EQ(kPlain, dec.data);
-      }
+    SCOPED_TRACE(testing::Message() << "mode " << int{v.mode} << " algorithm " << v.algorithm);
+    const Bytes& key = v.algorithm == BC_ALG_AES128 ? kKey128 : v.algorithm == BC_ALG_AES192 ? kKey192 : kKey256;
+    const Bytes iv = v.mode == BC_MODE_ECB ? Bytes() : v.mode == BC_MODE_CTR ? kCounter : kIv;
+    const Bytes cipher = FromHex(v.cipher);
+    for (const Chunks& chunks : {Chunks{64}, Chunks{16, 16, 16, 16}}) {
+      EXPECT_EQ(cipher, Ok(Transform({v.algorithm, v.mode, 1, key, iv, 1}, kPlain, chunks)));
+      EXPECT_EQ(kPlain, Ok(Transform({v.algorithm, v.mode, 1, key, iv, 0}, cipher, chunks)));
     }
   }
 }
 
-// PKCS#7 adds a whole block to whole blocks, and pads a partial one however
-// the input was split (splits never ending on a block boundary, see the
-// stale pending count below).
-TEST_P(BlockCipher, PaddedEncryption) {
-  const struct { uint8_t mode; Chunks chunks; const char* tail; } cases[] = {
-      {BC_MODE_ECB, {64}, "a254be88e037ddd9d79fb6411c3f9df8"},
-      {BC_MODE_CBC, {64}, "8cb82807230e1321d3fae00d18cc2012"},
-      {BC_MODE_CBC, {7, 30, 3}, "5caca76145cffc65f7483608c531aef1"}};
-  for (const auto& c : cases) {
-    uint32_t total = 0;
-    for (uint32_t n : c.chunks) total += n;
-    const Bytes vector = FromHex(kVectors[c.mode == BC_MODE_CBC].cipher[0]);
-    const Result r = Transform(Aes128(c.mode, 1, 0, c.mode == BC_MODE_ECB ? Bytes() : kIv), kPlain, c.chunks);
-    EXPECT_EQ(BC_OK, r.status);
-    EXPECT_EQ(Cat(Sub(vector, 0, total / 16 * 16), FromHex(c.tail)), r.data) << total;
-  }
-}
-
-// Encrypting, each update acts as if its input were zero-padded to whole
-// blocks: the textbook result over the padded chunks, cut back to size.
-TEST_P(BlockCipher, EveryStreamUpdateStartsAFreshKeystreamBlock) {
-  const struct { uint8_t mode; Chunks chunks; const char* cipher; } cases[] = {
-      {BC_MODE_OFB, {10, 6}, "3b3fd92eb72dad203334a7b5a9491fb8"},
-      {BC_MODE_OFB, {5, 27, 3}, "3b3fd92eb7993b4c3335ec32ecf89c17d8ad6b016aa42485c6886ca4a2093167f61b5d"},
-      {BC_MODE_CFB, {10, 6}, "3b3fd92eb72dad2033346709a9ffb534"},
-      {BC_MODE_CFB, {5, 27, 3}, "3b3fd92eb74f29550c64e6c86be7a16ce4d697195245dbae5ca4af8b5f2f2fa4ef4f72"},
-      {BC_MODE_CTR, {10, 6}, "3b3fd92eb72dad203334d130fddd90c9"},
-      {BC_MODE_CTR, {5, 27, 3}, "3b3fd92eb7efbe18a7ba9d82d94926614a567df44195461317b2ec3c071640d1eb029d"}};
+// Encrypting the plaintext in pieces gives the first `same` bytes of the
+// published AES-128 ciphertext, then `tail`:
+//   - PKCS#7 adds a whole block to whole blocks and pads a partial one however
+//     the input was split;
+//   - when an update consumes its rest exactly, the pending count keeps its
+//     stale value: final pads from position 10 of the block already sent, and
+//     without padding reports a partial block;
+//   - each update of a stream mode acts as if its input were zero-padded to
+//     whole blocks (a fresh keystream block per update);
+//   - mode 0x46 encrypts like CFB.
+TEST_P(BlockCipher, ChunkedEncryption) {
+  const struct { uint8_t mode, no_padding; Chunks chunks; size_t same; const char* tail; int status; } cases[] = {
+      {BC_MODE_CBC, 0, {64}, 64, "8cb82807230e1321d3fae00d18cc2012", BC_OK},
+      {BC_MODE_CBC, 0, {7, 30, 3}, 32, "5caca76145cffc65f7483608c531aef1", BC_OK},
+      {BC_MODE_CBC, 0, {10, 22}, 32, "bd251a58a285795ca8a49152b35ab037", BC_OK},
+      {BC_MODE_ECB, 1, {10, 22}, 32, "", BC_ERR_FINAL_UNPADDED_PARTIAL},
+      {BC_MODE_OFB, 1, {10, 6}, 0, "3b3fd92eb72dad203334a7b5a9491fb8", BC_OK},
+      {BC_MODE_OFB, 1, {5, 27, 3}, 0, "3b3fd92eb7993b4c3335ec32ecf89c17d8ad6b016aa42485c6886ca4a2093167f61b5d", BC_OK},
+      {BC_MODE_CFB, 1, {10, 6}, 0, "3b3fd92eb72dad2033346709a9ffb534", BC_OK},
+      {BC_MODE_CFB, 1, {5, 27, 3}, 0, "3b3fd92eb74f29550c64e6c86be7a16ce4d697195245dbae5ca4af8b5f2f2fa4ef4f72", BC_OK},
+      {BC_MODE_CTR, 1, {10, 6}, 0, "3b3fd92eb72dad203334d130fddd90c9", BC_OK},
+      {BC_MODE_CTR, 1, {5, 27, 3}, 0, "3b3fd92eb7efbe18a7ba9d82d94926614a567df44195461317b2ec3c071640d1eb029d", BC_OK},
+      {BC_MODE_CFB_DIRECTIONAL, 1, {64}, 64, "", BC_OK}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << "mode " << int{c.mode} << " first chunk " << c.chunks[0]);
-    const Bytes cipher = FromHex(c.cipher), plain = Sub(kPlain, 0, cipher.size());
-    const Result enc = Transform(Aes128(c.mode, 1), plain, c.chunks);
-    EXPECT_EQ(BC_OK, enc.status);
-    EXPECT_EQ(cipher, enc.data);
-    if (c.mode != BC_MODE_CFB) {  // the keystream does not depend on the data
-      EXPECT_EQ(plain, Transform(Aes128(c.mode, 0), cipher, c.chunks).data);
-    }
+    size_t total = 0;
+    for (uint32_t n : c.chunks) total += n;
+    const Bytes plain = Sub(kPlain, 0, total);
+    const Bytes published = c.mode == BC_MODE_ECB ? FromHex(kVectors[0].cipher) : c.mode == BC_MODE_CBC ? kCbc128 : kCfb128;
+    const Result r = Transform(Aes128(c.mode, 1, c.no_padding, c.mode == BC_MODE_ECB ? Bytes() : kIv), plain, c.chunks);
+    EXPECT_EQ(c.status, r.status);
+    EXPECT_EQ(Cat(Sub(published, 0, c.same), FromHex(c.tail)), r.data);
+    if (c.mode != BC_MODE_OFB && c.mode != BC_MODE_CTR) continue;  // CFB feeds back the data
+    EXPECT_EQ(plain, Ok(Transform(Aes128(c.mode, 0), r.data, c.chunks)));
   }
 }
 
-TEST_P(BlockCipher, ExactlyConsumedRestKeepsTheStalePendingCount) {
-  const Bytes p = Sub(kPlain, 0, 32);
-  CtxPtr ctx = Keyed(Aes128(BC_MODE_CBC, 1, 0));
-  Bytes out, last;
-  ASSERT_EQ(BC_OK, Update(ctx.get(), Sub(p, 0, 10), &out));
-  ASSERT_EQ(BC_OK, Update(ctx.get(), Sub(p, 10, 22), &out));
-  EXPECT_EQ(Sub(kCbc128, 0, 32), out);
-  // Final pads from position 10 of the block that was already sent.
-  ASSERT_EQ(BC_OK, Final(ctx.get(), &last));
-  EXPECT_EQ(FromHex("bd251a58a285795ca8a49152b35ab037"), last);
-  // Without padding the stale count makes final report a partial block.
-  EXPECT_EQ(BC_ERR_FINAL_UNPADDED_PARTIAL, Transform(Aes128(BC_MODE_ECB, 1, 1, {}), p, {10, 22}).status);
-}
+// Padded decryption holds back the last block of each update for final to
+// check and strip; a later update overwrites it.
+TEST_P(BlockCipher, PaddedDecryption) {
+  const struct { const char* tail; size_t kept; } cases[] = {  // kept 0: rejected
+      {"00", 0}, {"11", 0}, {"0303", 0}, {"020303", 0},
+      {"01", 31}, {"030303", 29}, {"10101010101010101010101010101010", 16}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.tail);
+    const Bytes tail = FromHex(c.tail), plain = Cat(Bytes(32 - tail.size(), 0x42), tail);
+    const Result r = Transform(Aes128(BC_MODE_CBC, 0, 0), Ok(Transform(Aes128(BC_MODE_CBC, 1), plain, {32})), {32});
+    EXPECT_EQ(c.kept ? BC_OK : BC_ERR_FINAL_BAD_PADDING, r.status);
+    EXPECT_EQ(Sub(plain, 0, c.kept), c.kept ? r.data : Bytes());
+  }
 
-TEST_P(BlockCipher, PaddedDecryptionHoldsBackOnlyTheLastUpdatesBlock) {
   const Bytes plain = Sub(kPlain, 0, 40);
   const Bytes cipher = Cat(Sub(kCbc128, 0, 32), FromHex("5caca76145cffc65f7483608c531aef1"));
-  const Result r = Transform(Aes128(BC_MODE_CBC, 0, 0), cipher, {32, 16});
-  EXPECT_EQ(BC_OK, r.status);
-  EXPECT_EQ(Cat(Sub(plain, 0, 16), Sub(plain, 32, 8)), r.data);  // 2nd lost
-
+  EXPECT_EQ(Cat(Sub(plain, 0, 16), Sub(plain, 32, 8)), Ok(Transform(Aes128(BC_MODE_CBC, 0, 0), cipher, {32, 16})));
   // An update that only buffers emits and holds back nothing; its output is
   // exact-size, so holding back would reach outside it.
   CtxPtr ctx = Keyed(Aes128(BC_MODE_CBC, 0, 0));
@@ -221,20 +196,6 @@ TEST_P(BlockCipher, PaddedDecryptionHoldsBackOnlyTheLastUpdatesBlock) {
   EXPECT_EQ(Sub(plain, 0, 16), out);
   EXPECT_EQ(Sub(plain, 16, 16), Bytes(ctx->held_back, ctx->held_back + 16));
   EXPECT_EQ(BC_ERR_FINAL_DECRYPT_PARTIAL, Final(ctx.get(), &out));
-}
-
-TEST_P(BlockCipher, PaddedDecryptionRejectsBadPadding) {
-  const struct { const char* tail; size_t kept; } cases[] = {  // kept 0: rejected
-      {"00", 0}, {"11", 0}, {"0303", 0}, {"020303", 0},
-      {"01", 31}, {"030303", 29}, {"10101010101010101010101010101010", 16}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.tail);
-    const Bytes tail = FromHex(c.tail), plain = Cat(Bytes(32 - tail.size(), 0x42), tail);
-    const Bytes cipher = Transform(Aes128(BC_MODE_CBC, 1), plain, {32}).data;
-    const Result r = Transform(Aes128(BC_MODE_CBC, 0, 0), cipher, {32});
-    EXPECT_EQ(c.kept ? BC_OK : BC_ERR_FINAL_BAD_PADDING, r.status);
-    EXPECT_EQ(Sub(plain, 0, c.kept), c.kept ? r.data : Bytes());
-  }
 }
 
 // Carries across a byte, a word, the 64-bit halves and the whole block,
@@ -295,13 +256,10 @@ TEST_P(BlockCipher, ABlockFunctionOfTheCallersGivesTheSameResults) {
   }
 }
 
-TEST_P(BlockCipher, DirectionalCfbEncryptsLikeCfbButDecryptsWithInverseCipher) {
-  const Bytes cfb = FromHex(kVectors[2].cipher[0]);
-  EXPECT_EQ(cfb, Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 1), kPlain, {64}).data);
-  // Block i decrypts to C[i] XOR D(C[i-1]), with C[-1] the IV.
-  const Result r = Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 0), cfb, {64});
-  EXPECT_EQ(BC_OK, r.status);
-  EXPECT_EQ(Xor(cfb, Ecb(kKey128, false, Cat(kIv, Sub(cfb, 0, 48)))), r.data);
+// Mode 0x46 decrypts block i to C[i] XOR D(C[i-1]), with C[-1] the IV.
+TEST_P(BlockCipher, DirectionalCfbDecryptsWithTheInverseCipher) {
+  EXPECT_EQ(Xor(kCfb128, Ecb(kKey128, false, Cat(kIv, Sub(kCfb128, 0, 48)))),
+            Ok(Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 0), kCfb128, {64})));
 }
 
 // Keying again, by init_BlockCipher or by init_AES alone, replaces the key
@@ -333,8 +291,8 @@ TEST_P(BlockCipher, RekeyingReplacesTheKeyMaterial) {
   EXPECT_EQ(nullptr, ctx->key_schedule);
 
   // Only the low 16 bits of the direction count, and only 1 encrypts.
-  EXPECT_EQ(kCbc128, Transform(Aes128(BC_MODE_CBC, 0x10001), kPlain, {64}).data);
-  EXPECT_EQ(kPlain, Transform(Aes128(BC_MODE_CBC, 2), kCbc128, {64}).data);
+  EXPECT_EQ(kCbc128, Ok(Transform(Aes128(BC_MODE_CBC, 0x10001), kPlain, {64})));
+  EXPECT_EQ(kPlain, Ok(Transform(Aes128(BC_MODE_CBC, 2), kCbc128, {64})));
 }
 
 TEST(BlockCipherStatus, StatusCodes) {
@@ -370,15 +328,11 @@ TEST(BlockCipherStatus, StatusCodes) {
   n = 7;
   EXPECT_EQ(BC_ERR_UPDATE_MODE, update_BlockCipher(fresh.get(), i, 16, o, &n));
   EXPECT_EQ(0u, n);
-  for (uint8_t mode : {BC_MODE_CBC, BC_MODE_OFB, BC_MODE_CFB, BC_MODE_CFB_DIRECTIONAL, BC_MODE_CTR}) {
-    SCOPED_TRACE(static_cast<int>(mode));
-    EXPECT_EQ(BC_ERR_UPDATE_MODE, Transform(Aes128(mode, 1, 1, {}), in, {16}).status);
-    EXPECT_EQ(mode == BC_MODE_CBC ? BC_ERR_UPDATE_PADDED : BC_ERR_UPDATE_MODE,
-              Transform(Aes128(mode, 0, 0, {}), in, {16}).status);
-    if (mode != BC_MODE_CBC) {
-      EXPECT_EQ(BC_ERR_FINAL_MODE, Transform(Aes128(mode, 1, 1, {}), {}, {}).status);
-    }
-  }
+  // (Each routine's own refusal of a missing register is checked below.)
+  EXPECT_EQ(BC_ERR_UPDATE_MODE, Transform(Aes128(BC_MODE_CBC, 1, 1, {}), in, {16}).status);
+  EXPECT_EQ(BC_ERR_UPDATE_PADDED, Transform(Aes128(BC_MODE_CBC, 0, 0, {}), in, {16}).status);
+  EXPECT_EQ(BC_ERR_UPDATE_MODE, Transform(Aes128(BC_MODE_CTR, 0, 0, {}), in, {16}).status);
+  EXPECT_EQ(BC_ERR_FINAL_MODE, Transform(Aes128(BC_MODE_CFB_DIRECTIONAL, 1, 1, {}), {}, {}).status);
 
   const Bytes partial(20, 1);
   EXPECT_EQ(BC_ERR_FINAL_UNPADDED_PARTIAL, Transform(Aes128(BC_MODE_ECB, 1, 1, {}), partial, {20}).status);

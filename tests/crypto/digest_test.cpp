@@ -37,8 +37,8 @@ class DigestVariantEnvironment : public ::testing::Environment {
 ::testing::Environment* const kVariantEnvironment =
     ::testing::AddGlobalTestEnvironment(new DigestVariantEnvironment);
 
-// RFC 1321 appendix A.5 for MD5, the FIPS 180 examples for the SHA family;
-// the last one is one million 'a'.
+// RFC 1321 appendix A.5 for MD5 (those with a padding case of their own),
+// the FIPS 180 examples for the SHA family; the last one is one million 'a'.
 using Vectors = std::vector<std::pair<std::string, const char*>>;
 const std::string kMillionA(1000000, 'a');
 const std::string kTwoBlock448 = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
@@ -66,10 +66,7 @@ const std::string kTwoBlock448 = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlm
 DIGEST_TRAITS(Md5, md5_state_structure, MD5, 64, MD5_DIGEST_SIZE, true, MD5_ERR_UPDATE_BLOCK_INDEX,
               MD5_ERR_FINAL_BLOCK_INDEX,
               {"", "d41d8cd98f00b204e9800998ecf8427e"},
-              {"a", "0cc175b9c0f1b6a831c399e269772661"},
               {"abc", "900150983cd24fb0d6963f7d28e17f72"},
-              {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-              {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
               {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
                "d174ab98d277d9f5a5611c2c9f419d9f"},
               {"1234567890123456789012345678901234567890"
