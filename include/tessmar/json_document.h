@@ -55,23 +55,15 @@ class JsonDocument {
     return std::string(value->u.string.ptr, value->u.string.length);
   }
 
-  // Member for each of `count` names in one pass over the root object:
-  // found[i] is the first member named names[i], or null.
-  void Members(const std::string_view* names, const json_value** found,
-               std::size_t count) const {
-    for (std::size_t n = 0; n < count; ++n) found[n] = nullptr;
+  // Calls visit(name, value) for each member of the root object, in order,
+  // names included when they repeat; nothing when the root is no object.
+  template <typename Visit>
+  void EachMember(Visit&& visit) const {
     if (!is_object()) return;
-    std::size_t missing = count;
-    for (unsigned i = 0; i < root_->u.object.length && missing > 0; ++i) {
+    for (unsigned i = 0; i < root_->u.object.length; ++i) {
       const json_object_entry& entry = root_->u.object.values[i];
-      const std::string_view entry_name(entry.name, entry.name_length);
-      for (std::size_t n = 0; n < count; ++n) {
-        if (found[n] == nullptr && names[n] == entry_name) {
-          found[n] = entry.value;
-          --missing;
-          break;
-        }
-      }
+      visit(std::string_view(entry.name, entry.name_length),
+            static_cast<const json_value*>(entry.value));
     }
   }
 

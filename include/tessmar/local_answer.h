@@ -32,29 +32,41 @@ inline std::string VersionsAnswer(const JsonDocument& request) {
   return answer;
 }
 
-// Answers `length` bytes of `request`. A non-empty "init" selects a version
-// query ("get_version", "get_versions"; any other value answers "" and
-// reaches no module); everything else goes to the module host, which
-// `process` stands for: it is called with the request's parsed tree and
-// returns process_request's answer, so the library can hand the tree on
-// instead of parsing the text twice.
+// A version query's answer: false when `request` is none (no non-empty
+// "init") and goes to the module host; else true with the answer in
+// `*answer` ("get_version", "get_versions"; any other value answers "" and
+// reaches no module).
+inline bool AnswerVersionQuery(const JsonDocument& request,
+                               std::string* answer) {
+  const std::string init = request.String("init");
+  if (init.empty()) return false;
+  std::string module = request.String("module");
+  if (module.empty()) module = "morrowhost";
+  if (init == "get_version") {
+    *answer = "\"version: " + GetClientVersion(module.c_str()) + "\"";
+  } else if (init == "get_versions") {
+    *answer = VersionsAnswer(request);
+  } else {
+    answer->clear();
+  }
+  return true;
+}
+
+// Answers `length` bytes of `request`: a version query as above, everything
+// else through the module host, which `process` stands for: it is called
+// with the request's parsed tree and returns process_request's answer, so
+// the library can hand the tree on instead of parsing the text twice.
 template <typename ModuleHost>
 inline std::string AnswerLocally(const char* request, std::size_t length,
                                  AnswerSource* source, ModuleHost&& process) {
   const JsonDocument parsed(request, length);
-  const std::string init = parsed.String("init");
-  if (init.empty()) {
-    *source = AnswerSource::kModuleHost;
-    return process(parsed);
+  std::string answer;
+  if (AnswerVersionQuery(parsed, &answer)) {
+    *source = AnswerSource::kVersionQuery;
+    return answer;
   }
-  *source = AnswerSource::kVersionQuery;
-  std::string module = parsed.String("module");
-  if (module.empty()) module = "morrowhost";
-  if (init == "get_version") {
-    return "\"version: " + GetClientVersion(module.c_str()) + "\"";
-  }
-  if (init == "get_versions") return VersionsAnswer(parsed);
-  return std::string();
+  *source = AnswerSource::kModuleHost;
+  return process(parsed);
 }
 
 }  // namespace tessmar::bridge

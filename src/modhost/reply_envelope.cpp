@@ -8,7 +8,7 @@
 
 namespace {
 
-const char* StatusWord(int status) {
+std::string_view StatusWord(int status) {
   switch (status) {
     case REPLY_TRUE: return "TRUE";
     case REPLY_CANCEL: return "CANCEL";
@@ -18,49 +18,65 @@ const char* StatusWord(int status) {
   }
 }
 
+// Copies `piece` to `out` and returns the end of the copy.
+inline char* Put(char* out, std::string_view piece) {
+  std::memcpy(out, piece.data(), piece.size());
+  return out + piece.size();
+}
+
 }  // namespace
 
 namespace tessmar {
 
-std::string ReplyEnvelope(const char* id, const char* tabid, int status,
-                          std::initializer_list<std::string_view> reply,
-                          const char* callback) {
-  if (id == nullptr) return std::string();
+void ReplyEnvelope(ReplyStorage& out, const char* id, const char* tabid,
+                   int status, std::initializer_list<std::string_view> reply,
+                   const char* callback) {
+  if (id == nullptr) return;
   // The irregular blanks are part of the format extensions parse; the
-  // pieces are not escaped and the reply goes in as raw JSON.
-  static constexpr std::string_view kPieces[] = {
-      "{\"response\": {\"id\": \"", "\", \"tabid\":\"", "\", \"status\":\"",
-      "\", \"reply\":", ", \"callback\": \"", "\"}}"};
+  // fields are not escaped and the reply goes in as raw JSON.
+  constexpr std::string_view kOpen = "{\"response\": {\"id\": \"";
+  constexpr std::string_view kTabid = "\", \"tabid\":\"";
+  constexpr std::string_view kStatus = "\", \"status\":\"";
+  constexpr std::string_view kReply = "\", \"reply\":";
+  constexpr std::string_view kCallback = ", \"callback\": \"";
+  constexpr std::string_view kClose = "\"}}";
+  constexpr std::string_view kEmptyReply = "{}";
+  const std::string_view id_text = id;
+  const std::string_view tabid_text = tabid != nullptr ? tabid : "";
+  const std::string_view word = StatusWord(status);
+  const std::string_view callback_text = callback != nullptr ? callback : "";
   std::size_t reply_size = 0;
   for (const std::string_view piece : reply) reply_size += piece.size();
-  const std::string_view fields[] = {id, tabid != nullptr ? tabid : "",
-                                     StatusWord(status), "",
-                                     callback != nullptr ? callback : ""};
-  std::size_t size = kPieces[5].size() + (reply_size > 0 ? reply_size : 2);
-  for (int i = 0; i < 5; ++i) size += kPieces[i].size() + fields[i].size();
-  // Sized once, then filled by plain copies: appending piece by piece
-  // costs more than the copies themselves at these lengths.
-  std::string envelope(size, '\0');
-  char* out = &envelope[0];
-  const auto put = [&out](std::string_view piece) {
-    std::memcpy(out, piece.data(), piece.size());
-    out += piece.size();
-  };
-  for (int i = 0; i < 5; ++i) {
-    put(kPieces[i]);
-    put(fields[i]);
-    if (i != 3) continue;
-    if (reply_size == 0) put("{}");
-    for (const std::string_view piece : reply) put(piece);
-  }
-  put(kPieces[5]);
-  return envelope;
+
+  // Sized once, then filled by plain copies, straight into the storage the
+  // receiver keeps.
+  char* at = out.Reserve(
+      kOpen.size() + id_text.size() + kTabid.size() + tabid_text.size() +
+      kStatus.size() + word.size() + kReply.size() +
+      (reply_size > 0 ? reply_size : kEmptyReply.size()) + kCallback.size() +
+      callback_text.size() + kClose.size());
+  if (at == nullptr) return;
+  at = Put(at, kOpen);
+  at = Put(at, id_text);
+  at = Put(at, kTabid);
+  at = Put(at, tabid_text);
+  at = Put(at, kStatus);
+  at = Put(at, word);
+  at = Put(at, kReply);
+  if (reply_size == 0) at = Put(at, kEmptyReply);
+  for (const std::string_view piece : reply) at = Put(at, piece);
+  at = Put(at, kCallback);
+  at = Put(at, callback_text);
+  Put(at, kClose);
 }
 
 }  // namespace tessmar
 
 std::string BuildReplyEnvelope(const char* id, const char* tabid, int status,
                                const char* reply, const char* callback) {
-  return tessmar::ReplyEnvelope(id, tabid, status,
-                                {reply != nullptr ? reply : ""}, callback);
+  std::string envelope;
+  tessmar::StringReply out(&envelope);
+  tessmar::ReplyEnvelope(out, id, tabid, status,
+                         {reply != nullptr ? reply : ""}, callback);
+  return envelope;
 }

@@ -11,63 +11,79 @@
 
 namespace {
 
-// The request members the module host reads, found in one pass over the
-// parsed request. The strings stay in the tree, which ends each with a NUL,
-// so data() is a C string (up to any NUL the value holds, as c_str() of a
-// copy would be); absent or non-string members are "".
+// The request members the module host reads.
+enum Field { kCmd, kId, kTabid, kCallback, kModule, kOrigin, kEcho, kNone };
+
+// The field a member name stands for: by length first, so that each name is
+// compared with at most two others.
+Field FieldNamed(std::string_view name) {
+  switch (name.size()) {
+    case 2: return name == "id" ? kId : kNone;
+    case 3: return name == "cmd" ? kCmd : kNone;
+    case 4: return name == "echo" ? kEcho : kNone;
+    case 5: return name == "tabid" ? kTabid : kNone;
+    case 6: return name == "module"   ? kModule
+                   : name == "origin" ? kOrigin
+                                      : kNone;
+    case 8: return name == "callback" ? kCallback : kNone;
+    default: return kNone;
+  }
+}
+
+// The request's fields, found in one pass over the parsed request; the
+// first member of a name counts. The strings stay in the tree, which ends
+// each with a NUL, so data() is a C string (up to any NUL the value holds,
+// as c_str() of a copy would be); absent or non-string members are "".
 struct RequestFields {
   std::string_view cmd = "", id = "", tabid = "", callback = "", module = "",
                    origin = "";
   bool echo = false;
 
   explicit RequestFields(const tessmar::JsonDocument& request) {
-    static constexpr std::string_view kNames[] = {
-        "cmd", "id", "tabid", "callback", "module", "origin", "echo"};
-    constexpr std::size_t kCount = sizeof kNames / sizeof kNames[0];
-    const json_value* found[kCount];
-    request.Members(kNames, found, kCount);
     std::string_view* const strings[] = {&cmd,      &id,     &tabid,
                                          &callback, &module, &origin};
-    for (std::size_t i = 0; i < kCount - 1; ++i) {
-      const json_value* value = found[i];
-      if (value != nullptr && value->type == json_string) {
-        *strings[i] = std::string_view(value->u.string.ptr,
-                                       value->u.string.length);
+    bool seen[kNone] = {};
+    request.EachMember([&](std::string_view name, const json_value* value) {
+      const Field field = FieldNamed(name);
+      if (field == kNone || seen[field]) return;
+      seen[field] = true;
+      if (field == kEcho) {
+        echo = value->type == json_boolean && value->u.boolean != 0;
+      } else if (value->type == json_string) {
+        *strings[field] =
+            std::string_view(value->u.string.ptr, value->u.string.length);
       }
-    }
-    const json_value* flag = found[kCount - 1];
-    echo = flag != nullptr && flag->type == json_boolean &&
-           flag->u.boolean != 0;
+    });
   }
 };
 
 constexpr char kDefaultModule[] = "morrowhost";
 constexpr char kBroadcast[] = "_all_";
 
-std::string Envelope(const RequestFields& request, int status,
-                     const char* reply) {
-  return BuildReplyEnvelope(request.id.data(), request.tabid.data(), status,
-                            reply, request.callback.data());
+void Envelope(const RequestFields& request, int status, const char* reply,
+              tessmar::ReplyStorage& out) {
+  tessmar::ReplyEnvelope(out, request.id.data(), request.tabid.data(), status,
+                         {reply != nullptr ? reply : ""},
+                         request.callback.data());
 }
 
 // The module's answer, copied into the envelope and handed back to the module.
-std::string WrapAnswer(const RequestFields& request, QxClientFuncs* funcs,
-                       char* answer, int status_when_null) {
-  std::string reply = answer != nullptr
-                          ? Envelope(request, REPLY_TRUE, answer)
-                          : Envelope(request, status_when_null, nullptr);
+void WrapAnswer(const RequestFields& request, QxClientFuncs* funcs,
+                char* answer, int status_when_null,
+                tessmar::ReplyStorage& out) {
+  Envelope(request, answer != nullptr ? REPLY_TRUE : status_when_null, answer,
+           out);
   if (answer != nullptr && funcs->FreeString != nullptr) {
     funcs->FreeString(answer);
   }
-  return reply;
 }
 
 // The reply of one module to the request; `module_override`, when non-empty,
 // replaces the request's own "module".
-std::string DispatchToModule(const RequestFields& request,
-                             const char* module_override, const char* text,
-                             QXHostFuncs* host) {
-  if (request.id.empty()) return std::string();
+void DispatchToModule(const RequestFields& request,
+                      const char* module_override, const char* text,
+                      QXHostFuncs* host, tessmar::ReplyStorage& out) {
+  if (request.id.empty()) return;
 
   const char* target = kDefaultModule;
   if (!request.module.empty()) target = request.module.data();
@@ -79,16 +95,16 @@ std::string DispatchToModule(const RequestFields& request,
   if (funcs == nullptr) {
     switch (LoadQxClient(target, host)) {
       case QX_LOAD_INSTALLATION_BLOCKED:
-        return Envelope(request, REPLY_BLOCK_QX, nullptr);
+        return Envelope(request, REPLY_BLOCK_QX, nullptr, out);
       case QX_LOAD_CLIENT_BLOCKED:
-        return Envelope(request, REPLY_BLOCK_CLIENT, nullptr);
+        return Envelope(request, REPLY_BLOCK_CLIENT, nullptr, out);
       case QX_LOAD_OK:
         funcs = GetInvoke(target);
         break;
       default:
-        return Envelope(request, REPLY_FALSE, nullptr);
+        return Envelope(request, REPLY_FALSE, nullptr, out);
     }
-    if (funcs == nullptr) return Envelope(request, REPLY_FALSE, nullptr);
+    if (funcs == nullptr) return Envelope(request, REPLY_FALSE, nullptr, out);
   }
 
   const char* origin = request.origin.data();
@@ -99,52 +115,51 @@ std::string DispatchToModule(const RequestFields& request,
                        ? funcs->SetCallback(origin, id, text,
                                             request.tabid.data(), 1)
                        : nullptr;
-    return WrapAnswer(request, funcs, answer, REPLY_TRUE);
+    return WrapAnswer(request, funcs, answer, REPLY_TRUE, out);
   }
   // A module must fill Invoke; an empty slot is answered like no answer
   // rather than followed into a crash.
   char* answer =
       funcs->Invoke != nullptr ? funcs->Invoke(origin, id, text) : nullptr;
-  return WrapAnswer(request, funcs, answer, REPLY_FALSE);
+  WrapAnswer(request, funcs, answer, REPLY_FALSE, out);
 }
 
 }  // namespace
 
 namespace tessmar {
 
-std::string AnswerParsedRequest(const JsonDocument& parsed, const char* text,
-                                std::size_t length, QXHostFuncs* host) {
-  if (!parsed.parsed()) return std::string();
+void AnswerParsedRequest(const JsonDocument& parsed, std::string_view text,
+                         bool whole, QXHostFuncs* host, ReplyStorage& out) {
+  if (!parsed.parsed()) return;
   const RequestFields request(parsed);
-  if (request.cmd != "native" && request.cmd != "setcallback") {
-    return std::string();
-  }
+  if (request.cmd != "native" && request.cmd != "setcallback") return;
 
   if (request.echo) {
     // The request comes back inside the envelope's reply, read as a C
     // string like any reply: up to a NUL it may hold, without the closing
     // braces then.
-    const std::size_t body = strnlen(text, length);
-    return ReplyEnvelope(request.id.data(), request.tabid.data(), REPLY_TRUE,
-                         {"{\"reply\":{\"status\":\"0\", \"reply\":",
-                          std::string_view(text, body),
-                          body == length ? "}}" : ""},
+    return ReplyEnvelope(out, request.id.data(), request.tabid.data(),
+                         REPLY_TRUE,
+                         {"{\"reply\":{\"status\":\"0\", \"reply\":", text,
+                          whole ? "}}" : ""},
                          request.callback.data());
   }
 
   if (request.module != kBroadcast) {
-    return DispatchToModule(request, nullptr, text, host);
+    return DispatchToModule(request, nullptr, text.data(), host, out);
   }
 
   // Broadcast to the modules loaded already; none is loaded for it, and
   // their replies are discarded.
   std::string names = GetLoadedClientList();
+  std::string discarded;
+  StringReply scratch(&discarded);
   char* position = nullptr;
   for (char* name = strtok_r(&names[0], ",", &position); name != nullptr;
        name = strtok_r(nullptr, ",", &position)) {
-    DispatchToModule(request, name, text, host);
+    DispatchToModule(request, name, text.data(), host, scratch);
   }
-  return Envelope(request, REPLY_TRUE, nullptr);
+  Envelope(request, REPLY_TRUE, nullptr, out);
 }
 
 }  // namespace tessmar
@@ -156,6 +171,10 @@ std::string process_request(void* /*context*/, const char* text, int length,
   if (!parsed.parsed()) return std::string();
   // Modules receive exactly `length` bytes as a C string.
   const std::string request(text, static_cast<std::size_t>(length));
-  return tessmar::AnswerParsedRequest(parsed, request.c_str(), request.size(),
-                                      host);
+  const std::size_t c_length = strnlen(request.c_str(), request.size());
+  std::string answer;
+  tessmar::StringReply out(&answer);
+  tessmar::AnswerParsedRequest(parsed, std::string_view(request.c_str(), c_length),
+                               c_length == request.size(), host, out);
+  return answer;
 }

@@ -3,19 +3,20 @@
 #ifndef TESSMAR_SRC_MODHOST_REQUEST_PROCESSING_H
 #define TESSMAR_SRC_MODHOST_REQUEST_PROCESSING_H
 
-#include <cstddef>
-#include <string>
+#include <string_view>
 
 #include "config/json_file.h"
+#include "modhost/reply_envelope.h"
 #include "tessmar/module.h"
 
 namespace tessmar {
 
-// process_request after its parse: `parsed` is the tree of `text`, which
-// holds exactly `length` bytes followed by a NUL (modules receive it as a C
-// string).
-std::string AnswerParsedRequest(const JsonDocument& parsed, const char* text,
-                                std::size_t length, QXHostFuncs* host);
+// process_request after its parse, its answer written into `out` (nothing
+// for no answer). `parsed` is the tree of the request; `text` is the request
+// as modules receive it, a C string (text.data()[text.size()] is its NUL),
+// and `whole` is false when the parsed text went on past that NUL.
+void AnswerParsedRequest(const JsonDocument& parsed, std::string_view text,
+                         bool whole, QXHostFuncs* host, ReplyStorage& out);
 
 }  // namespace tessmar
 
