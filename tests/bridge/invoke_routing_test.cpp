@@ -1,11 +1,8 @@
 // tsmx_Invoke without a host: version queries and the in-process module host.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "bridge/bridge_state.h"
 #include "tessmar/host_protocol.h"
@@ -15,14 +12,10 @@
 #include "tessmar/bridge.h"
 #include "tessmar/modhost.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
 
 namespace {
 
 using namespace tessmar::testing;
-using namespace std::chrono_literals;
 using tessmar::bridge::SetCallbackMessage;
 
 std::string Envelope(const std::string& id, const std::string& tabid,
@@ -98,54 +91,6 @@ TEST(InvokeRouting, InProcessModulesGetTheBridgesHostTableAndNoPathNames) {
     EXPECT_EQ(s.Log().at(1), SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));
     EXPECT_EQ(PopText(), SetCallbackMessage("rec-tab", "rec-cb", R"({"from":"a"})"));
     EXPECT_EQ(PopText(), "");
-  }));
-}
-
-std::string EchoRegistration(const std::string& id) {
-  return R"({"cmd":"setcallback","id":")" + id +
-         R"(","tabid":"t","callback":"c","module":"echo"})";
-}
-
-TEST(EchoModule, AnswersCallsBackFromItsOwnThreadAndStopsWhenUnloaded) {
-  ModuleSandbox s;
-  EXPECT_TRUE(RunIsolated([&] {
-#if defined(__SANITIZE_ADDRESS__)
-    __lsan_disable();  // the registry is kept until exit on purpose
-#endif
-    s.install.AddModule("echo", FIXTURE_TESSMAR_ECHO_MODULE_PATH);
-    const std::string origin = R"("https://a\"b\\c\t\u0001")";
-    const std::string request =
-        R"({"cmd":"native","id":"7","tabid":"tab-3","callback":"cb",)"
-        R"("module":"echo","origin":)" + origin + "}";
-    EXPECT_EQ(InvokeText(request),
-              Envelope("7", "tab-3",
-                       R"({"module":"echo","origin":)" + origin +
-                           R"(,"id":"7","length":)" +
-                           std::to_string(request.size()) + "}",
-                       "cb"));
-    // Declined without a callback name.
-    EXPECT_EQ(InvokeText(R"({"cmd":"setcallback","id":"8","tabid":"t","module":"echo"})"),
-              Envelope("8", "t", R"({"module":"echo","registered":false})", ""));
-
-    EXPECT_EQ(InvokeText(EchoRegistration("8")),
-              Envelope("8", "t", R"({"module":"echo","registered":true,"callback":"c"})",
-                       "c"));
-    EXPECT_EQ(PopMessages(1, 10s),
-              std::vector<std::string>{SetCallbackMessage(
-                  "t", "c", R"({"module":"echo","event":"ping","id":"8"})")});
-
-    // Unloading stops the worker: nothing arrives after Terminate returns.
-    ASSERT_NE(InvokeText(EchoRegistration("9")), std::nullopt);
-    UnloadQxClient();
-    EXPECT_LE(DrainQueue(), 1u);
-    std::this_thread::sleep_for(150ms);
-    EXPECT_EQ(PopText(), "");
-    // Reloaded by the next request, with a new worker.
-    ASSERT_NE(InvokeText(EchoRegistration("10")), std::nullopt);
-    ASSERT_EQ(PopMessages(1, 10s).size(), 1u);  // the worker now waits
-    ASSERT_NE(InvokeText(EchoRegistration("11")), std::nullopt);  // one pending
-    // Exit without unloading: static destructors run while the worker waits.
-    if (!::testing::Test::HasFailure()) std::exit(0);
   }));
 }
 
