@@ -185,13 +185,18 @@ TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJsonOrTheDirectory) {
   EXPECT_EQ(rmdir(empty.c_str()), 0) << "something was written";
 }
 
-TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
+// Missing, empty, broken or unusual files (a FIFO, an oversized file, a
+// planted link) where the tool reads or writes: it fails at once with its
+// reason and touches nothing.
+TEST_F(SignToolTest, BadFilesFailWithTheirReasonAndAreLeftAlone) {
   const std::string missing = home_.path() + "/no-such.so";
   const std::string empty = home_.WriteHomeFile("empty.so", "");
-  for (const std::string& file : {missing, empty}) {
+  const std::string fifo = home_.path() + "/libfifo.so";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& file : {missing, empty, fifo}) {
     for (const Args& args : {Args{"client", file}, Args{"module", "demo", file},
                              Args{"server", file}, Args{"verify-server", file}}) {
-      ExpectExit(args, 2, file);
+      ExpectExit(args, 2, file == fifo ? "not a regular file" : file);
     }
   }
   EXPECT_EQ(access((empty + ".sig").c_str(), F_OK), -1);
@@ -201,42 +206,29 @@ TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
   ExpectExit({"verify-module", "demo"}, 2);
   ExpectExit({"module", "../escape", home_.WriteHomeFile("m.so", "x")}, 2);
 
-  // Broken configuration files are reported and left byte for byte.
   const std::string install = MakeInstallation("opt/tessmar");
   const std::string module = home_.WriteHomeFile("mod/libdemo.so", "code");
-  const std::tuple<std::string, std::string, Args> broken[] = {
-      {"config.json", "{\"Tessmar\": \"" + install + "\",", {"install"}},
-      {"demo.json", "[\"Name\"]", {"module", "demo", module}}};
-  for (const auto& [name, text, args] : broken) {
+  const std::tuple<std::string, std::string, Args, const char*> broken[] = {
+      {"config.json", "{\"Tessmar\": \"" + install + "\",", {"install"}, "invalid JSON"},
+      {"config.json", "{\"Tessmar\": \"" + install + "\"}" + std::string(1 << 20, ' '),
+       {"install"}, "too large"},
+      {"demo.json", "[\"Name\"]", {"module", "demo", module}, "not a JSON object"}};
+  for (const auto& [name, text, args, words] : broken) {
     const std::string config = home_.WriteConfig(name, text);
-    ExpectExit(args, 2, text[0] == '[' ? "not a JSON object" : "invalid JSON");
+    ExpectExit(args, 2, words);
     EXPECT_EQ(ReadFile(config), text);
   }
-}
-
-// A FIFO, an oversized file or a planted link where the tool reads or
-// writes: it fails at once with its reason and touches nothing.
-TEST_F(SignToolTest, UnusualFilesFailFastWithTheirReason) {
-  const std::string install = MakeInstallation("opt/tessmar");
   const std::string config = home_.ConfigDir() + "/config.json";
+  ASSERT_EQ(unlink(config.c_str()), 0);
   ASSERT_EQ(mkfifo(config.c_str(), 0600), 0);
   ExpectExit({"install"}, 2, "not a regular file");
   ExpectExit({"verify-install"}, 2, "not a regular file");
-  ASSERT_EQ(unlink(config.c_str()), 0);
-  const std::string big = "{\"Tessmar\": \"" + install + "\"}" + std::string(1 << 20, ' ');
-  home_.WriteConfig("config.json", big);
-  ExpectExit({"install"}, 2, "too large");
-  EXPECT_EQ(ReadFile(config), big);
-
-  const std::string fifo = home_.path() + "/libfifo.so";
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  ExpectExit({"module", "demo", fifo}, 2, "not a regular file");
-  ExpectExit({"client", fifo}, 2, "not a regular file");
-
   // A module file planted as a link is not followed, and its target is kept.
   const std::string target = home_.WriteHomeFile("elsewhere.json", "{}");
-  ASSERT_EQ(symlink(target.c_str(), (home_.ConfigDir() + "/demo.json").c_str()), 0);
-  ExpectExit({"module", "demo", home_.WriteHomeFile("m.so", "x")}, 2, "symbolic link");
+  const std::string demo = home_.ConfigDir() + "/demo.json";
+  ASSERT_EQ(unlink(demo.c_str()), 0);
+  ASSERT_EQ(symlink(target.c_str(), demo.c_str()), 0);
+  ExpectExit({"module", "demo", module}, 2, "symbolic link");
   EXPECT_EQ(ReadFile(target), "{}");
 }
 
