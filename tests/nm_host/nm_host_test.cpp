@@ -295,7 +295,7 @@ TEST(NmHostTest, InstallsAndRemovesManifestsForTheBrowsers) {
   EXPECT_NE(std::string::npos,
             manifest.find(R"("allowed_extensions": ["morrowhost@tessmar.example"])"));
 
-  const std::string id(32, 'k');
+  const std::string id = "abcdefghijklmnopponmlkjihgfedcba";
   result = RunProgram({kNmHost, "--install-manifests", "chromium",
                        "--extension-id", id, "--dir", home.path() + "/udd/NMH"});
   EXPECT_EQ(0, result.exit_code) << result.err;
@@ -320,6 +320,7 @@ TEST(NmHostTest, InstallsAndRemovesManifestsForTheBrowsers) {
            {kNmHost, "--install-manifests", "opera"},
            {kNmHost, "--uninstall-manifests", "opera"},
            {kNmHost, "--install-manifests", "chromium", "--extension-id", "abc"},
+           {kNmHost, "--install-manifests", "chromium", "--extension-id", std::string(32, 'q')},
            {kNmHost, "--extension-id", id},
            {kNmHost, "--install-manifests", "firefox", "--host"},
            {kNmHost, "--library"}}) {
