@@ -37,9 +37,10 @@ std::string Letters(const json_value* n) {
   return "\"" + std::string(static_cast<std::size_t>(n->u.integer), 'x') + "\"";
 }
 
-void SendFromFourThreads() {
-  g_host->SendCallback("t1", nullptr, nullptr, "{\"dropped\":1}");
-  g_host->SendCallback("t1", nullptr, "cb", "");  // sent with {} as reply
+// The sum of what SendCallback returned, 0 by its contract.
+int SendFromFourThreads() {
+  int results = g_host->SendCallback("t1", nullptr, nullptr, "{\"dropped\":1}");
+  results += g_host->SendCallback("t1", nullptr, "cb", "");  // sent with {} as reply
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
@@ -51,6 +52,7 @@ void SendFromFourThreads() {
     });
   }
   for (std::thread& thread : threads) thread.join();
+  return results;
 }
 
 char* Invoke(const char*, const char*, const char* request) {
@@ -80,8 +82,9 @@ char* Invoke(const char*, const char*, const char* request) {
         "{\"ns\":" + std::to_string(now.tv_sec * 1000000000LL + now.tv_nsec) + "}";
     g_host->SendCallback("t1", nullptr, "stamp", reply.c_str());
   } else {
-    SendFromFourThreads();
-    answer = "{\"sent\":101}";
+    const int results = SendFromFourThreads();
+    answer = "{\"sent\":101" +
+             (results != 0 ? ",\"results\":" + std::to_string(results) : "") + "}";
   }
   json_value_free(root);
   return strdup(answer.c_str());

@@ -23,44 +23,37 @@ TEST(DriverTest, AnswersInProcessFromStandardInput) {
   EXPECT_EQ(EchoReply() + "\n\n", result.out);
 }
 
-TEST(DriverTest, ReportsBadArgumentsAndUnloadableLibraries) {
+// Host mode is refused before tsmx_Startup when config.json's installation
+// has no host; a host whose exec fails leaves no second driver behind.
+TEST(DriverTest, ReportsBadArgumentsAndWhatCannotRun) {
   TempHome home;
   const std::string none = home.path() + "/none.so";
-  const struct { std::vector<std::string> argv; int exit_code; std::string error; } cases[] = {
-      {{kDriver, "--wait-ms", "soon"}, 2, "soon"},
-      {{kDriver, "--hots", kEcho}, 2, "unknown option --hots"},
+  chmod(home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n").c_str(), 0755);
+  const struct {
+    std::vector<std::string> argv;
+    int exit_code;
+    std::string error, installation;
+  } cases[] = {
+      {{kDriver, "--wait-ms", "soon"}, 2, "soon", ""},
+      {{kDriver, "--hots", kEcho}, 2, "unknown option --hots", ""},
       // An empty request would be the host's stop message.
-      {{kDriver, "--host", ""}, 2, ""},
-      {{kDriver, "--library", none, kEcho}, 1, none},
-      {{kDriver, "--library", TESSMAR_TEST_CALLBACK_MODULE, kEcho}, 1, "tsmx_Startup"},
+      {{kDriver, "--host", ""}, 2, "", ""},
+      {{kDriver, "--library", none, kEcho}, 1, none, ""},
+      {{kDriver, "--library", TESSMAR_TEST_CALLBACK_MODULE, kEcho}, 1, "tsmx_Startup", ""},
+      {{kDriver, "--host", kEcho}, 3, "/missing/TessmarFirefox", "missing"},
+      {{kDriver, "--host", kEcho}, 4, "", "broken"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.argv[1] + " " + c.argv.back());
+    SCOPED_TRACE(c.argv[1] + " " + c.argv.back() + " " + c.installation);
+    home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/" + c.installation + "\"}");
     const ProgramResult result = RunProgram(c.argv);
-    EXPECT_EQ(c.exit_code, result.exit_code);
+    EXPECT_EQ(c.exit_code, result.exit_code) << result.err;
     EXPECT_NE(std::string::npos, result.err.find(c.error));
     EXPECT_EQ("", result.out);
+    EXPECT_EQ("absent", Node(RequestFifo()));
   }
   EXPECT_EQ("tessmar-drive " TESSMAR_TEST_VERSION "\n",
             RunProgram({kDriver, "--version", kEcho}).out);
-}
-
-TEST(DriverTest, RefusesHostModeWithoutARunnableHost) {
-  TempHome home;
-  home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/missing\"}");
-  ProgramResult result = RunProgram({kDriver, "--host", kEcho});
-  EXPECT_EQ(3, result.exit_code);
-  EXPECT_NE(std::string::npos, result.err.find("/missing/TessmarFirefox"));
-  EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_Startup must not have run";
-
-  // Its exec fails: the forked child must not go on as a second driver.
-  chmod(home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n").c_str(),
-        0755);
-  home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/broken\"}");
-  result = RunProgram({kDriver, "--host", kEcho});
-  EXPECT_EQ(4, result.exit_code) << result.err;
-  EXPECT_EQ("", result.out);
-  EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_End removed the FIFOs";
 }
 
 TEST(DriverTest, HostModePrintsRepliesThenCallbacks) {

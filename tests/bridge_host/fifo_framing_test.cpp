@@ -1,5 +1,7 @@
-// The FIFO framing between tsmx_Invoke, the callback reader and a host,
-// checked byte for byte against a scripted host.
+// tsmx_Startup and tsmx_End in real processes, and the FIFO framing between
+// tsmx_Invoke, the callback reader and a host, checked byte for byte against
+// a scripted host.
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -7,6 +9,7 @@
 #include <optional>
 
 #include "bridge_host/host_fixture.h"
+#include "tessmar/config.h"
 
 namespace tessmar::testing {
 namespace {
@@ -20,6 +23,40 @@ struct BackgroundInvoke {
   Reply reply;
   std::thread thread{[this] { reply = InvokeText("{}"); done = true; }};
 };
+
+TEST(BridgeStartupTest, CreatesEveryMissingDirectoryLevelAndTheFifos) {
+  TempHome home;  // nothing below HOME yet
+  if (!GetTessmarInstallPath().empty()) {
+    GTEST_SKIP() << "a system-wide config.json names an installation";
+  }
+  const std::string child_result = home.path() + "/exec-child-result";
+  EXPECT_TRUE(RunIsolated([&] {
+    tsmx_End();  // before any start: does nothing
+    umask(0);
+    const pid_t self = getpid();
+    const int started = tsmx_Startup();
+    if (getpid() != self) {
+      // No config.json: exec of "/TessmarFirefox" fails, the child returns
+      // here and releases the parent by opening the other FIFO ends.
+      WriteFile(child_result, std::to_string(started));
+      for (const auto& [path, flags] :
+           {std::pair{RequestFifo(), O_RDONLY}, std::pair{ReplyFifo(), O_WRONLY},
+            std::pair{CallbackFifo(), O_WRONLY}}) {
+        close(open(path.c_str(), flags));
+      }
+      _exit(0);
+    }
+    ASSERT_EQ(0, started);
+    std::string level = home.path();
+    for (const char* name : {"/.config", "/Pelmora", "/Tessmar", "/morrowhost"}) {
+      level += name;
+      EXPECT_EQ("d755", Node(level)) << level;
+    }
+    ExpectFifos("p600");
+    tsmx_End();
+    EXPECT_EQ("1", ReadFile(child_result)) << "the failed child's result";
+  }, kDeadlineSeconds));
+}
 
 // Leftovers where the FIFOs go are replaced. The host reads exactly the framed
 // requests, then the stop message. Replies: zero length is NULL, a NUL cuts the

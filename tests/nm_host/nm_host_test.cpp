@@ -1,9 +1,12 @@
 // tessmar-nm-host as the browser runs it: framed messages on its standard
-// input, framed messages back on its standard output.
+// input, framed messages back on its standard output. Also its manifest
+// commands and its usage line.
 
-#include <algorithm>
-#include <cstdint>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "bridge_host/host_fixture.h"
@@ -18,56 +21,60 @@ namespace {
 
 constexpr char kNmHost[] = TESSMAR_NM_HOST;
 constexpr char kLibrary[] = TESSMAR_TEST_LIBRARY;
+constexpr char kManifest[] = "zz.qx.pelmora.morrowhost.json";
+constexpr char kInProcess[] = R"({"mode":"in-process"})";
 constexpr std::size_t kMiB = 1024 * 1024;
 
-std::string Request(int seq, const std::string& request) {
-  return Frame("{\"seq\":" + std::to_string(seq) + ",\"request\":" +
-               nm::Quote(request) + "}");
+std::string Quoted(const std::string& text) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+  return std::string(buffer.GetString(), buffer.GetSize());
 }
 
-struct Session : ProgramResult {
-  std::vector<std::string> messages;  // `out`, unframed, after the mode
+std::string Request(int seq, const std::string& request) {
+  return Frame("{\"seq\":" + std::to_string(seq) + ",\"request\":" + Quoted(request) + "}");
+}
+
+std::string ErrFile() { return std::string(std::getenv("HOME")) + "/err"; }
+
+// The adapter as a browser keeps it: running, its pipes open, while the test
+// writes messages and reads answers. Its stderr goes to HOME/err, unless
+// `closed` names a standard descriptor it starts without.
+struct Adapter : PipedChild {
+  explicit Adapter(std::vector<std::string> args, int closed = -1)
+      : PipedChild([&args] {
+                     args.insert(args.begin(), kNmHost);
+                     return args;
+                   }(),
+                   [closed] {
+                     close(closed >= 0 ? closed : 2);
+                     if (closed < 0) open(ErrFile().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+                   }),
+        mode(Read()) {}
+  const std::string mode;  // its first message
 };
 
-constexpr char kInProcess[] = R"({"mode":"in-process"})";
+struct Session {
+  int exit_code;
+  std::vector<std::string> messages;  // after the mode
+  std::string err;
+};
 
-// Runs the adapter on `input`. With `linger` its input stays open, as a
-// browser's does, until a callback is out (at most 5 s).
-Session RunAdapter(std::vector<std::string> args, const std::string& input,
-                   bool linger = false) {
-  args.insert(args.begin(), kNmHost);
-  if (linger) {
-    args.insert(args.begin(),
-                {"sh", "-c",
-                 "{ cat; for i in $(seq 100); do grep -qa '{\"callback\":' "
-                 "\"$HOME/.run-out\" && break; sleep 0.05; done; } | exec \"$0\" \"$@\""});
-  }
-  Session session{RunProgram(args, input), {}};
-  for (std::size_t at = 0; at + 4 <= session.out.size();
-       at += 4 + session.messages.back().size()) {
-    std::uint32_t length;
-    std::memcpy(&length, session.out.data() + at, 4);
-    session.messages.push_back(session.out.substr(at + 4, length));
-  }
-  const bool host = std::find(args.begin(), args.end(), "--host") != args.end();
-  if (!session.messages.empty() &&
-      session.messages.front() == (host ? R"({"mode":"host"})" : kInProcess)) {
-    session.messages.erase(session.messages.begin());
-  } else {
-    ADD_FAILURE() << "the session does not start with its mode";
-  }
+// Writes `input`, closes the adapter's input and reads its output to the end.
+Session Finish(Adapter& adapter, const std::string& input = "") {
+  std::thread writer([&] {
+    adapter.Write(input);
+    adapter.CloseInput();
+  });
+  Session session{};
+  for (std::string m; (m = adapter.Read()) != "<none>";) session.messages.push_back(m);
+  writer.join();
+  const int status = adapter.Wait().status;
+  session.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  session.err = ReadFile(ErrFile());
   return session;
 }
-
-// The adapter as a browser keeps it: running, its pipes open, while the
-// test writes messages, reads answers and watches the process.
-struct LiveAdapter : PipedChild {
-  explicit LiveAdapter(std::vector<std::string> args)
-      : PipedChild([&args] {
-          args.insert(args.begin(), kNmHost);
-          return args;
-        }()) {}
-};
 
 // A string member of a message, decoded ("" when absent).
 std::string Text(const std::string& message, const char* name) {
@@ -83,6 +90,9 @@ std::string ModuleRequest(const std::string& id, const std::string& members) {
          R"(","tabid":"t","module":"nm")" + members + "}";
 }
 
+constexpr char kSetCallback[] =
+    R"({"cmd":"setcallback","id":"9","tabid":"t","callback":"cb","module":"echo"})";
+
 struct Sandbox {
   Sandbox() {
     install.AddModule("nm", TESSMAR_TEST_NM_MODULE);
@@ -96,17 +106,19 @@ TEST(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
   Sandbox sandbox;
   constexpr char kEcho[] = R"({"cmd":"native","id":"7","tabid":"t","echo":true})";
   // Not JSON, with quotes, backslashes, control characters and non-ASCII.
-  const std::string odd = "not json: \"q\" \\ \t\x01 caf\xc3\xa9 \xf0\x9f\x99\x82";
-  const Session session = RunAdapter(
-      // The browser's own arguments (manifest and extension) are ignored.
-      {"--library", kLibrary, "/x/zz.qx.pelmora.morrowhost.json",
-       "morrowhost@tessmar.example"},
+  const std::string odd = "not json: \"q\" \\ \t\x01\x1f caf\xc3\xa9 \xf0\x9f\x99\x82";
+  // The browser's own arguments (manifest and extension) are ignored.
+  Adapter adapter({"--library", kLibrary, "/x/zz.qx.pelmora.morrowhost.json",
+                   "morrowhost@tessmar.example"});
+  EXPECT_EQ(kInProcess, adapter.mode);
+  const Session session = Finish(
+      adapter,
       Request(1, kEcho) + Request(2, "not json") + Request(3, R"({"init":"x"})") +
           Frame("[1,2]") + Frame(R"({"request":"{}"})") +
           Frame(R"({"seq":4,"request":{"cmd":"native"}})") +
           Frame(R"({"seq":5,"request":"{\"init\":\"get_version\"}\u0000x"})") +
           Request(6, R"({"init":"get_version","module":"echo"})") +
-          Request(7, ModuleRequest("1", ",\"say\":" + nm::Quote(odd))) +
+          Request(7, ModuleRequest("1", ",\"say\":" + Quoted(odd))) +
           // Bytes that are not UTF-8 become U+FFFD; the rest is kept.
           Request(8, ModuleRequest("2", R"(,"badUtf8":true)")) +
           // A module writing to standard output cannot break the stream.
@@ -116,8 +128,9 @@ TEST(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
   EXPECT_EQ(0, session.exit_code);
   EXPECT_EQ("a module writing to standard output\n", session.err);
   ASSERT_EQ(12u, session.messages.size());
-  const std::string echo = process_request(nullptr, kEcho, sizeof kEcho - 1, nullptr);
-  EXPECT_EQ("{\"seq\":1,\"reply\":" + nm::Quote(echo) + "}", session.messages[0]);
+  EXPECT_EQ(0u, session.messages[0].find(R"({"seq":1,"reply":")"));
+  EXPECT_EQ(process_request(nullptr, kEcho, sizeof kEcho - 1, nullptr),
+            Text(session.messages[0], "reply"));
   EXPECT_EQ(R"({"seq":2,"reply":null})", session.messages[1]);
   EXPECT_EQ(R"({"seq":3,"reply":""})", session.messages[2]);
   EXPECT_EQ(0u, session.messages[3].find(R"({"error":"malformed message: not a JSON object)"));
@@ -130,10 +143,26 @@ TEST(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
   EXPECT_EQ(Envelope("2", "\"a\xef\xbf\xbd" "b\xef\xbf\xbd(c\""),
             Text(session.messages[9], "reply"));
   // A sequence broken after its second byte is replaced byte by byte too.
-  EXPECT_EQ("\"\\ufffd\\ufffd(\"", nm::Quote("\xe2\x82("));
+  EXPECT_EQ("\xef\xbf\xbd\xef\xbf\xbd(", nm::RepairUtf8("\xe2\x82("));
   EXPECT_EQ(Envelope("3", "{}"), Text(session.messages[10], "reply"));
   EXPECT_NE(std::string::npos,
             Text(session.messages[11], "reply").find(R"("reply":{"module":"echo","registered":false})"));
+}
+
+// A browser may start the adapter with a standard stream closed: it is
+// opened on /dev/null, so that a module's output goes nowhere and no file
+// opened later takes the stream's place.
+TEST(NmHostTest, RunsWithAStandardStreamClosed) {
+  Sandbox sandbox;
+  const std::string print = Request(1, ModuleRequest("3", R"(,"print":true)"));
+  Adapter no_stderr({"--library", kLibrary}, 2);
+  EXPECT_EQ(kInProcess, no_stderr.mode);
+  const Session session = Finish(no_stderr, print);
+  ASSERT_EQ(1u, session.messages.size());
+  EXPECT_EQ(Envelope("3", "{}"), Text(session.messages[0], "reply"));
+  // Without a standard output it answers into /dev/null and ends as usual.
+  Adapter no_stdout({"--library", kLibrary}, 1);
+  EXPECT_EQ(0, Finish(no_stdout, print).exit_code);
 }
 
 TEST(NmHostTest, KeepsEveryMessageWithinTheProtocolsLimits) {
@@ -142,8 +171,9 @@ TEST(NmHostTest, KeepsEveryMessageWithinTheProtocolsLimits) {
     return ModuleRequest("1", ",\"bytes\":" + std::to_string(n));
   };
   const std::size_t overhead = nm::ReplyMessage(1, Envelope("1", "\"\"").c_str()).size();
-  const Session session = RunAdapter(
-      {"--library", kLibrary},
+  Adapter adapter({"--library", kLibrary});
+  const Session session = Finish(
+      adapter,
       // A reply that fits, one byte of message more does not.
       Request(1, letters(kMiB - overhead)) +
           Request(1, letters(kMiB - overhead + 1)) +
@@ -157,11 +187,7 @@ TEST(NmHostTest, KeepsEveryMessageWithinTheProtocolsLimits) {
           // Input that ends inside a message ends the adapter cleanly.
           Request(4, "{}").substr(0, 10));
   EXPECT_EQ(0, session.exit_code);
-  ASSERT_EQ(7u, session.messages.size()) << [&] {
-    std::string all;
-    for (const std::string& m : session.messages) all += m.substr(0, 100) + "\n";
-    return all + session.err;
-  }();
+  ASSERT_EQ(7u, session.messages.size()) << session.err;
   EXPECT_EQ(kMiB, session.messages[0].size());
   EXPECT_EQ(R"({"seq":1,"error":"reply too large"})", session.messages[1]);
   EXPECT_EQ(Envelope("2", "{}"), Text(session.messages[2], "reply"));
@@ -177,25 +203,25 @@ TEST(NmHostTest, KeepsEveryMessageWithinTheProtocolsLimits) {
 }
 
 // Through the reference host: a module's callback arrives while no request
-// comes, and the host is stopped at the end. (In-process callbacks: above.)
+// comes, and the host is stopped at the end.
 TEST(NmHostTest, CarriesCallbacksThroughTheHost) {
   Sandbox sandbox;
   LinkHost(sandbox.install.install_dir(), TESSMAR_TEST_REFERENCE_HOST);
-  const Session session = RunAdapter(
-      {"--library", kLibrary, "--host"},
-      Request(1, ModuleRequest("1", R"(,"say":"{\"via\":\"host\"}")")) + Request(2, "") +
-          Request(3, R"({"cmd":"setcallback","id":"9","tabid":"t","callback":"cb","module":"echo"})"),
-      /*linger=*/true);
-  EXPECT_EQ(0, session.exit_code);
-  EXPECT_EQ("", session.err);
-  ASSERT_EQ(4u, session.messages.size());
-  EXPECT_EQ(Envelope("1", R"({"via":"host"})"), Text(session.messages[0], "reply"));
+  Adapter adapter({"--library", kLibrary, "--host"});
+  EXPECT_EQ(R"({"mode":"host"})", adapter.mode);
+  adapter.Write(Request(1, ModuleRequest("1", R"(,"say":"{\"via\":\"host\"}")")) +
+                Request(2, "") + Request(3, kSetCallback));
+  EXPECT_EQ(Envelope("1", R"({"via":"host"})"), Text(adapter.Read(), "reply"));
   // An empty request would be the host's stop message.
   EXPECT_EQ(R"({"seq":2,"error":"an empty request is not sent to the host"})",
-            session.messages[1]);
-  EXPECT_EQ(0u, Text(session.messages[2], "reply").find(R"({"response": {"id": "9")"));
+            adapter.Read());
+  EXPECT_EQ(0u, Text(adapter.Read(), "reply").find(R"({"response": {"id": "9")"));
   EXPECT_EQ(R"({"response":{"id":"setcallback", "tabid":"t", "callback":"cb", "reply":{"module":"echo","event":"ping","id":"9"}}})",
-            Text(session.messages[3], "callback"));
+            Text(adapter.Read(), "callback"));
+  const Session session = Finish(adapter);
+  EXPECT_EQ(0, session.exit_code);
+  EXPECT_EQ("", session.err);
+  EXPECT_TRUE(session.messages.empty());
   EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_End removed the FIFOs";
 }
 
@@ -204,8 +230,7 @@ TEST(NmHostTest, CarriesCallbacksThroughTheHost) {
 // served, however much of it comes.
 TEST(NmHostTest, StaysSmallWhateverPagesSend) {
   Sandbox sandbox;
-  LiveAdapter adapter({"--library", kLibrary});
-  ASSERT_EQ(kInProcess, adapter.Read());
+  Adapter adapter({"--library", kLibrary});
   // Empty arrays are what costs the parser most per byte of text.
   const auto arrays = [](std::size_t bytes) {
     std::string request = ModuleRequest("1", ",\"pad\":[");
@@ -217,43 +242,31 @@ TEST(NmHostTest, StaysSmallWhateverPagesSend) {
   std::string input = Request(1, ModuleRequest("1", R"(,"sleepMs":200)")) +
                       Request(2, arrays(63 * kMiB));
   for (int i = 0; i < 8; ++i) input += largest;
-  std::thread writer = adapter.WriteInBackground(std::move(input));
+  std::thread writer([&] { adapter.Write(input); });
   EXPECT_EQ(Envelope("1", "{}"), Text(adapter.Read(), "reply"));
   EXPECT_EQ(0u, adapter.Read().find("{\"seq\":2,\"error\":\"request too large ("));
   for (int i = 0; i < 8; ++i) EXPECT_EQ(0u, adapter.Read().find("{\"seq\":1,\"reply\":"));
   writer.join();
-  const long peak_kib = adapter.CloseAndWait();
+  adapter.CloseInput();
+  const long peak_kib = adapter.Wait().peak_kib;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LT(peak_kib, 128 * 1024) << "KiB at the peak";  // sanitizers need more
 #endif
   (void)peak_kib;
 }
 
-// A module's output goes to stderr, or nowhere, even when the browser
-// starts the adapter with its error stream closed.
-TEST(NmHostTest, KeepsModuleOutputOffTheProtocolStream) {
-  Sandbox sandbox;
-  const ProgramResult result =
-      RunProgram({"sh", "-c", "exec \"$0\" \"$@\" 2>&-", kNmHost, "--library", kLibrary},
-                 Request(1, ModuleRequest("3", R"(,"print":true)")));
-  EXPECT_EQ(Frame(kInProcess) + Frame(nm::ReplyMessage(1, Envelope("3", "{}").c_str())),
-            result.out);
-}
-
 // The adapter sleeps in poll() while nothing happens, and a callback queued
 // by a module's own thread wakes it at once.
 TEST(NmHostTest, SleepsWhileIdleAndWakesForCallbacks) {
   Sandbox sandbox;
-  LiveAdapter adapter({"--library", kLibrary});
-  ASSERT_EQ(kInProcess, adapter.Read());
-  adapter.Write(Request(1, R"({"cmd":"setcallback","id":"9","tabid":"t","callback":"cb","module":"echo"})"));
+  Adapter adapter({"--library", kLibrary});
+  adapter.Write(Request(1, kSetCallback));
   EXPECT_EQ(0u, Text(adapter.Read(), "reply").find(R"({"response": {"id": "9")"));
   EXPECT_EQ(0u, Text(adapter.Read(), "callback").find(R"({"response":{"id":"setcallback")"));
   std::this_thread::sleep_for(milliseconds(100));  // to its waiting point
   const long before = adapter.ContextSwitches();
   std::this_thread::sleep_for(std::chrono::seconds(1));
   EXPECT_EQ(0, adapter.ContextSwitches() - before) << "wake-ups in a second of idleness";
-  EXPECT_EQ(0, [&] { adapter.CloseAndWait(); return 0; }());
 }
 
 // Loading and host checks are shared with tessmar-drive and tested there.
@@ -263,18 +276,17 @@ TEST(NmHostTest, FindsTheLibraryOfTheInstallation) {
   MakeDirectories(home.path() + "/inst");
   ASSERT_EQ(0, symlink(kLibrary, (home.path() + "/inst/libTessmarFirefox.so").c_str()));
   home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/inst\"}");
-  const ProgramResult result =
-      RunProgram({kNmHost}, Request(1, R"({"init":"get_version"})"));
-  EXPECT_EQ(0, result.exit_code) << result.err;
-  EXPECT_EQ(Frame(kInProcess) + Frame(R"({"seq":1,"reply":"\"version: \""})"),
-            result.out);
+  Adapter adapter({});
+  const Session session = Finish(adapter, Request(1, R"({"init":"get_version"})"));
+  EXPECT_EQ(0, session.exit_code) << session.err;
+  EXPECT_EQ(std::vector<std::string>{R"({"seq":1,"reply":"\"version: \""})"},
+            session.messages);
 }
 
-TEST(NmHostTest, InstallsManifestsForTheBrowsers) {
+TEST(NmHostTest, InstallsAndRemovesManifestsForTheBrowsers) {
   TempHome home;
   ProgramResult result = RunProgram({kNmHost, "--install-manifests", "firefox"});
-  const std::string firefox =
-      home.path() + "/.mozilla/native-messaging-hosts/zz.qx.pelmora.morrowhost.json";
+  const std::string firefox = home.path() + "/.mozilla/native-messaging-hosts/" + kManifest;
   EXPECT_EQ(firefox + "\n", result.out) << result.err;
   const std::string manifest = ReadFile(firefox);
   EXPECT_EQ("zz.qx.pelmora.morrowhost", Text(manifest, "name"));
@@ -283,23 +295,70 @@ TEST(NmHostTest, InstallsManifestsForTheBrowsers) {
   EXPECT_NE(std::string::npos,
             manifest.find(R"("allowed_extensions": ["morrowhost@tessmar.example"])"));
 
-  const std::string id(32, 'k');
+  const std::string id = "abcdefghijklmnopponmlkjihgfedcba";
   result = RunProgram({kNmHost, "--install-manifests", "chromium",
                        "--extension-id", id, "--dir", home.path() + "/udd/NMH"});
   EXPECT_EQ(0, result.exit_code) << result.err;
   EXPECT_NE(std::string::npos,
-            ReadFile(home.path() + "/udd/NMH/zz.qx.pelmora.morrowhost.json")
+            ReadFile(home.path() + "/udd/NMH/" + kManifest)
                 .find("\"allowed_origins\": [\"chrome-extension://" + id + "/\"]"));
+
+  // Uninstalling removes what installing wrote; with nothing left to remove
+  // it succeeds quietly, and the other browsers' files stay.
+  const std::string chromium = home.path() + "/.config/chromium/NativeMessagingHosts/" + kManifest;
+  ASSERT_EQ(0, RunProgram({kNmHost, "--install-manifests", "chromium"}).exit_code);
+  ASSERT_NE("absent", Node(chromium));
+  for (const std::string& removed : {chromium + "\n", std::string()}) {
+    result = RunProgram({kNmHost, "--uninstall-manifests", "chromium"});
+    EXPECT_EQ(0, result.exit_code) << result.err;
+    EXPECT_EQ(removed, result.out);
+    EXPECT_EQ("absent", Node(chromium));
+  }
+  EXPECT_EQ(manifest, ReadFile(firefox));
 
   for (const std::vector<std::string>& argv : std::vector<std::vector<std::string>>{
            {kNmHost, "--install-manifests", "opera"},
+           {kNmHost, "--uninstall-manifests", "opera"},
            {kNmHost, "--install-manifests", "chromium", "--extension-id", "abc"},
+           {kNmHost, "--install-manifests", "chromium", "--extension-id", std::string(32, 'q')},
            {kNmHost, "--extension-id", id},
            {kNmHost, "--install-manifests", "firefox", "--host"},
            {kNmHost, "--library"}}) {
     result = RunProgram(argv);
     EXPECT_TRUE(result.exit_code == 2 && result.out.empty() && !result.err.empty())
-        << argv.back();
+        << argv[1] << " " << argv.back();
+  }
+}
+
+// In a shared directory a planted link is never followed, replaced or removed.
+TEST(NmHostTest, LeavesAPlantedLinkInAManifestDirectory) {
+  TempHome home;
+  const std::string dir = home.path() + "/shared";
+  const std::string victim = home.WriteHomeFile("victim", "precious");
+  MakeDirectories(dir);
+  ASSERT_EQ(0, symlink(victim.c_str(), (dir + "/" + kManifest).c_str()));
+  for (const char* command : {"--install-manifests", "--uninstall-manifests"}) {
+    const ProgramResult result = RunProgram({kNmHost, command, "firefox", "--dir", dir});
+    EXPECT_EQ(1, result.exit_code) << command;
+    EXPECT_NE(std::string::npos, result.err.find("symbolic link")) << result.err;
+  }
+  EXPECT_TRUE(std::filesystem::is_symlink(dir + "/" + kManifest));
+  EXPECT_EQ("precious", ReadFile(victim));
+  // Nothing else was left there either, no temporary file.
+  EXPECT_EQ(std::string(kManifest) + "\n", RunProgram({"/bin/ls", "-A", dir}).out);
+}
+
+// The usage line names the program as it was started; the installed program
+// never names the build tree.
+TEST(NmHostTest, UsageNamesTheProgramAsStarted) {
+  TempHome home;
+  for (const char* program : {kNmHost, TESSMAR_NM_HOST_INSTALLED}) {
+    const std::string out = RunProgram({program, "--help"}).out;
+    const std::string name = std::strrchr(program, '/') + 1;
+    EXPECT_EQ(0u, out.rfind("usage: " + name + " ", 0)) << out;
+    if (name == "TessmarChrome") {
+      EXPECT_EQ(std::string::npos, out.find(TESSMAR_BUILD_DIR)) << out;
+    }
   }
 }
 

@@ -5,7 +5,6 @@
 #ifndef TESSMAR_TESTS_SUPPORT_PIPED_CHILD_H
 #define TESSMAR_TESTS_SUPPORT_PIPED_CHILD_H
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -16,10 +15,10 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -29,9 +28,11 @@ namespace tessmar::testing {
 
 class PipedChild {
  public:
-  // Runs `argv`.
-  explicit PipedChild(std::vector<std::string> argv)
-      : PipedChild([&argv] {
+  // Runs `argv`, after `prepare` in the forked child.
+  explicit PipedChild(std::vector<std::string> argv,
+                      const std::function<void()>& prepare = [] {})
+      : PipedChild([&argv, &prepare] {
+          prepare();
           std::vector<char*> args;
           for (std::string& arg : argv) args.push_back(&arg[0]);
           args.push_back(nullptr);
@@ -61,7 +62,7 @@ class PipedChild {
     close(out_);
     if (pid_ > 0) {
       kill(pid_, SIGKILL);
-      Wait();
+      waitpid(pid_, nullptr, 0);
     }
   }
   PipedChild(const PipedChild&) = delete;
@@ -70,11 +71,9 @@ class PipedChild {
   void Write(const std::string& bytes) {
     tools::WriteFully(in_, bytes.data(), bytes.size());
   }
-  // Writes from a thread of its own, for a child that may be slow to read.
-  std::thread WriteInBackground(std::string bytes) {
-    return std::thread([fd = in_, bytes = std::move(bytes)] {
-      tools::WriteFully(fd, bytes.data(), bytes.size());
-    });
+  void CloseInput() {
+    close(in_);
+    in_ = -1;
   }
 
   // The next message's body, or "<none>" when none comes within `timeout`.
@@ -89,26 +88,31 @@ class PipedChild {
   // Context switches of all its threads so far: every wake-up is one.
   long ContextSwitches() const {
     long total = 0;
-    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
-    DIR* dir = opendir(tasks.c_str());
-    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-      if (entry->d_name[0] == '.') continue;
-      std::ifstream status(tasks + "/" + entry->d_name + "/status");
+    std::error_code gone;  // a thread that ends meanwhile counts no more
+    for (const auto& task : std::filesystem::directory_iterator(
+             "/proc/" + std::to_string(pid_) + "/task", gone)) {
+      std::ifstream status(task.path() / "status");
       for (std::string line; std::getline(status, line);) {
         if (line.find("ctxt_switches:") != std::string::npos) {
           total += std::stol(line.substr(line.find(':') + 1));
         }
       }
     }
-    if (dir != nullptr) closedir(dir);
     return total;
   }
 
-  // Closes its input and waits for its exit; its peak resident size in KiB.
-  long CloseAndWait() {
-    close(in_);
-    in_ = -1;
-    return Wait();
+  // Waits for its exit (after CloseInput).
+  struct Exit {
+    int status;     // as waitpid gives it
+    long peak_kib;  // its peak resident size
+  };
+  Exit Wait() {
+    Exit exit{-1, 0};
+    rusage usage{};
+    wait4(pid_, &exit.status, 0, &usage);
+    pid_ = -1;
+    exit.peak_kib = usage.ru_maxrss;
+    return exit;
   }
 
  private:
@@ -124,14 +128,6 @@ class PipedChild {
     }
     return true;
   }
-  long Wait() {
-    int status;
-    rusage usage{};
-    wait4(pid_, &status, 0, &usage);
-    pid_ = -1;
-    return usage.ru_maxrss;
-  }
-
   pid_t pid_ = -1;
   int in_ = -1;
   int out_ = -1;

@@ -3,19 +3,17 @@
 #include <gtest/gtest.h>
 #include <json.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <functional>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "config/config_location.h"
+#include "support/run_program.h"
 #include "support/signed_installation.h"
 #include "support/temp_home.h"
 #include "tessmar/config.h"
@@ -23,21 +21,12 @@
 
 namespace {
 
+using tessmar::testing::ProgramResult;
 using tessmar::testing::ReadFile;
+using tessmar::testing::RunProgram;
 using tessmar::testing::TempHome;
 using tessmar::testing::WriteFile;
 using Args = std::vector<std::string>;
-
-struct Result {
-  int status;  // exit status; -1 when the tool did not exit normally
-  std::string out, err;
-};
-
-std::string Quote(const std::string& word) {
-  std::string quoted = "'";
-  for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
 
 using Json = std::unique_ptr<json_value, decltype(&json_value_free)>;
 Json ParseFile(const std::string& path) {
@@ -53,25 +42,20 @@ void Tamper(const std::string& path) { WriteFile(path, ReadFile(path) + "x"); }
 
 class SignToolTest : public ::testing::Test {
  protected:
-  // Runs the tool in `cwd`; one that hangs is killed after a minute.
-  Result RunTool(const Args& args, const std::string& cwd = ".") {
-    const std::string out = home_.path() + "/out", err = home_.path() + "/err";
-    std::string command = "cd " + Quote(cwd) + " && exec timeout -s KILL 60 " +
-                          Quote(TESSMAR_SIGN_TOOL);
-    for (const std::string& arg : args) command += " " + Quote(arg);
-    const int status = std::system((command + " >" + Quote(out) + " 2>" + Quote(err)).c_str());
-    Result result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(err)};
-    EXPECT_NE(result.status, 128 + SIGKILL)
-        << "tessmar-sign did not finish: " << testing::PrintToString(args);
-    return result;
+  // Runs the tool in `cwd`.
+  static ProgramResult RunTool(const Args& args, const std::string& cwd = ".") {
+    Args argv = {"env", "-C", cwd, TESSMAR_SIGN_TOOL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProgram(argv);
   }
 
   // Runs the tool and checks its exit status and, if given, the reason: a
   // failure is reported as exactly one line naming the tool.
-  void ExpectExit(const Args& args, int status, const std::string& words = "") {
+  void ExpectExit(const Args& args, int status, const std::string& words = "",
+                  const std::string& cwd = ".") {
     SCOPED_TRACE(testing::PrintToString(args));
-    const Result result = RunTool(args);
-    EXPECT_EQ(result.status, status) << result.err;
+    const ProgramResult result = RunTool(args, cwd);
+    EXPECT_EQ(result.exit_code, status) << result.err;
     if (words.empty()) return;
     EXPECT_EQ(result.err.rfind("tessmar-sign: ", 0), 0u) << result.err;
     EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
@@ -86,15 +70,15 @@ class SignToolTest : public ::testing::Test {
     return home_.path() + "/" + relative;
   }
 
-  TempHome home_;  // also holds the tool's output
+  TempHome home_;
 };
 
 TEST_F(SignToolTest, UsageErrorsHelpAndVersion) {
-  const Result help = RunTool({"module", "--help"});
-  EXPECT_TRUE(help.status == 0 && help.out.find("verify-install") != std::string::npos) << help.out;
+  const ProgramResult help = RunTool({"module", "--help"});
+  EXPECT_TRUE(help.exit_code == 0 && help.out.find("verify-install") != std::string::npos) << help.out;
   // Before a command --version is the tool's; after "module" it is the module's.
   EXPECT_EQ(RunTool({"--version"}).out, "tessmar-sign " TESSMAR_TEST_VERSION "\n");
-  EXPECT_EQ(RunTool({}).status, 2);
+  EXPECT_EQ(RunTool({}).exit_code, 2);
   const std::pair<Args, const char*> usage_errors[] = {
       {{"module", "demo"}, "NAME FILE"}, {{"install", "--dir"}, "--dir"},
       {{"--sign-everything", "install"}, "unknown option '--sign-everything'"},
@@ -105,8 +89,8 @@ TEST_F(SignToolTest, UsageErrorsHelpAndVersion) {
 
 TEST_F(SignToolTest, ClientAndServerSignaturesPassTheLibraryChecksUntilTampered) {
   const std::string file = home_.WriteHomeFile("bin/program", "program code");
-  const Result client = RunTool({"client", file});
-  ASSERT_EQ(client.status, 0) << client.err;
+  const ProgramResult client = RunTool({"client", file});
+  ASSERT_EQ(client.exit_code, 0) << client.err;
   ASSERT_EQ(client.out.size(), 45u);
   const std::string text = client.out.substr(0, 44);
   ExpectExit({"server", file}, 0);
@@ -120,9 +104,7 @@ TEST_F(SignToolTest, ClientAndServerSignaturesPassTheLibraryChecksUntilTampered)
 TEST_F(SignToolTest, SignedModuleIsLoadableUntilTampered) {
   home_.WriteHomeFile("mod/libdemo.so", std::string("\x7f" "ELF\0\1 code", 11));
   // A relative FILE is stored as the absolute path the library will load.
-  const Result signing =
-      RunTool({"module", "demo", "mod/libdemo.so", "--version", "1.0.0.2"}, home_.path());
-  ASSERT_EQ(signing.status, 0) << signing.err;
+  ExpectExit({"module", "demo", "mod/libdemo.so", "--version", "1.0.0.2"}, 0, "", home_.path());
   const std::string file = home_.path() + "/mod/libdemo.so";
   EXPECT_EQ(GetClientInstallPathModule("demo", true), file);
   EXPECT_EQ(GetClientVersion("demo"), "1.0.0.2");
@@ -169,17 +151,24 @@ TEST_F(SignToolTest, UpdatingModuleFileKeepsOtherMembersAndMode) {
   EXPECT_EQ(rmdir(home_.ConfigDir().c_str()), 0) << "a temporary file was left";
 }
 
+// An absent covered file is signed quietly and listed on verify; a changed
+// one is named.
 TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJsonOrTheDirectory) {
   const std::string install = MakeInstallation("opt/tessmar");
   const std::string config = home_.WriteConfig(
       "config.json", "{\"Tessmar\": \"" + install + "\", \"Extra\": {\"keep\": [1, \"two\"]}}");
-  ExpectExit({"install"}, 0);
+  const std::string plugin = install + "/libnpTessmarPlugin.so";
+  ASSERT_EQ(unlink(plugin.c_str()), 0);
+  const ProgramResult signing = RunTool({"install"});
+  EXPECT_TRUE(signing.exit_code == 0 && signing.err.empty()) << signing.err;
   const Json json = ParseFile(config);
   ASSERT_NE(json, nullptr);
   EXPECT_EQ(Str((*json)["Extra"]["keep"][1]), "two");
-  ExpectExit({"verify-install"}, 0);
-  Tamper(install + "/libTessmarFirefox.so");
-  ExpectExit({"verify-install"}, 1, "does not match");
+  const ProgramResult verifying = RunTool({"verify-install"});
+  EXPECT_EQ(verifying.exit_code, 0) << verifying.err;
+  EXPECT_NE(verifying.out.find("absent: " + plugin + "\n"), std::string::npos) << verifying.out;
+  Tamper(install + "/TessmarChrome");
+  ExpectExit({"verify-install"}, 1, "changed since signing: " + install + "/TessmarChrome\n");
 
   const std::string dir = MakeInstallation("stage");
   ExpectExit({"install", "--dir", dir}, 0);
@@ -196,13 +185,18 @@ TEST_F(SignToolTest, InstallationSignatureGoesIntoConfigJsonOrTheDirectory) {
   EXPECT_EQ(rmdir(empty.c_str()), 0) << "something was written";
 }
 
-TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
+// Missing, empty, broken or unusual files (a FIFO, an oversized file, a
+// planted link) where the tool reads or writes: it fails at once with its
+// reason and touches nothing.
+TEST_F(SignToolTest, BadFilesFailWithTheirReasonAndAreLeftAlone) {
   const std::string missing = home_.path() + "/no-such.so";
   const std::string empty = home_.WriteHomeFile("empty.so", "");
-  for (const std::string& file : {missing, empty}) {
+  const std::string fifo = home_.path() + "/libfifo.so";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& file : {missing, empty, fifo}) {
     for (const Args& args : {Args{"client", file}, Args{"module", "demo", file},
                              Args{"server", file}, Args{"verify-server", file}}) {
-      ExpectExit(args, 2, file);
+      ExpectExit(args, 2, file == fifo ? "not a regular file" : file);
     }
   }
   EXPECT_EQ(access((empty + ".sig").c_str(), F_OK), -1);
@@ -212,57 +206,30 @@ TEST_F(SignToolTest, BadInputFailsWithoutTouchingFiles) {
   ExpectExit({"verify-module", "demo"}, 2);
   ExpectExit({"module", "../escape", home_.WriteHomeFile("m.so", "x")}, 2);
 
-  // Broken configuration files are reported and left byte for byte.
   const std::string install = MakeInstallation("opt/tessmar");
   const std::string module = home_.WriteHomeFile("mod/libdemo.so", "code");
-  const std::tuple<std::string, std::string, Args> broken[] = {
-      {"config.json", "{\"Tessmar\": \"" + install + "\",", {"install"}},
-      {"demo.json", "[\"Name\"]", {"module", "demo", module}}};
-  for (const auto& [name, text, args] : broken) {
+  const std::tuple<std::string, std::string, Args, const char*> broken[] = {
+      {"config.json", "{\"Tessmar\": \"" + install + "\",", {"install"}, "invalid JSON"},
+      {"config.json", "{\"Tessmar\": \"" + install + "\"}" + std::string(1 << 20, ' '),
+       {"install"}, "too large"},
+      {"demo.json", "[\"Name\"]", {"module", "demo", module}, "not a JSON object"}};
+  for (const auto& [name, text, args, words] : broken) {
     const std::string config = home_.WriteConfig(name, text);
-    ExpectExit(args, 2, text[0] == '[' ? "not a JSON object" : "invalid JSON");
+    ExpectExit(args, 2, words);
     EXPECT_EQ(ReadFile(config), text);
   }
-}
-
-// A FIFO, an oversized file or a planted link where the tool reads or
-// writes: it fails at once with its reason and touches nothing.
-TEST_F(SignToolTest, UnusualFilesFailFastWithTheirReason) {
-  const std::string install = MakeInstallation("opt/tessmar");
   const std::string config = home_.ConfigDir() + "/config.json";
+  ASSERT_EQ(unlink(config.c_str()), 0);
   ASSERT_EQ(mkfifo(config.c_str(), 0600), 0);
   ExpectExit({"install"}, 2, "not a regular file");
   ExpectExit({"verify-install"}, 2, "not a regular file");
-  ASSERT_EQ(unlink(config.c_str()), 0);
-  const std::string big = "{\"Tessmar\": \"" + install + "\"}" + std::string(1 << 20, ' ');
-  home_.WriteConfig("config.json", big);
-  ExpectExit({"install"}, 2, "too large");
-  EXPECT_EQ(ReadFile(config), big);
-
-  const std::string fifo = home_.path() + "/libfifo.so";
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  ExpectExit({"module", "demo", fifo}, 2, "not a regular file");
-  ExpectExit({"client", fifo}, 2, "not a regular file");
-
   // A module file planted as a link is not followed, and its target is kept.
   const std::string target = home_.WriteHomeFile("elsewhere.json", "{}");
-  ASSERT_EQ(symlink(target.c_str(), (home_.ConfigDir() + "/demo.json").c_str()), 0);
-  ExpectExit({"module", "demo", home_.WriteHomeFile("m.so", "x")}, 2, "symbolic link");
+  const std::string demo = home_.ConfigDir() + "/demo.json";
+  ASSERT_EQ(unlink(demo.c_str()), 0);
+  ASSERT_EQ(symlink(target.c_str(), demo.c_str()), 0);
+  ExpectExit({"module", "demo", module}, 2, "symbolic link");
   EXPECT_EQ(ReadFile(target), "{}");
-}
-
-TEST_F(SignToolTest, AbsentFilesAreSignedQuietlyAndListedOnVerify) {
-  const std::string install = MakeInstallation("opt/tessmar");
-  home_.WriteConfig("config.json", "{\"Tessmar\": \"" + install + "\"}");
-  ASSERT_EQ(unlink((install + "/libnpTessmarPlugin.so").c_str()), 0);
-  const Result signing = RunTool({"install"});
-  EXPECT_EQ(signing.status, 0);
-  EXPECT_EQ(signing.err, "");
-  const Result verifying = RunTool({"verify-install"});
-  EXPECT_EQ(verifying.status, 0) << verifying.err;
-  EXPECT_NE(verifying.out.find("absent: " + install + "/libnpTessmarPlugin.so\n"),
-            std::string::npos)
-      << verifying.out;
 }
 
 // verify-module makes the loader's checks in the loader's order and names
@@ -313,15 +280,9 @@ TEST_F(SignToolTest, VerifyModuleNamesTheLoadersFirstRefusal) {
     TempHome home;
     const SignedInstallation install(home);
     c.arrange(install, home);
-    std::string command = "exec timeout -s KILL 60 " + Quote(TESSMAR_SIGN_TOOL) +
-                          " verify-module demo 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string output;
-    char buffer[512];
-    for (std::size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
-    const int status = pclose(pipe);
-    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, c.status) << output;
+    const ProgramResult result = RunTool({"verify-module", "demo"});
+    const std::string output = result.out + result.err;
+    EXPECT_EQ(result.exit_code, c.status) << output;
     EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
     if (c.status != 0) {
       EXPECT_EQ(output.rfind("tessmar-sign: module 'demo': ", 0), 0u) << output;
@@ -330,18 +291,6 @@ TEST_F(SignToolTest, VerifyModuleNamesTheLoadersFirstRefusal) {
       EXPECT_NE(output.find(words), std::string::npos) << words << " in " << output;
     }
   }
-}
-
-TEST_F(SignToolTest, VerifyInstallNamesTheChangedFiles) {
-  const std::string install = MakeInstallation("opt/tessmar");
-  home_.WriteConfig("config.json", "{\"Tessmar\": \"" + install + "\"}");
-  ExpectExit({"install"}, 0);
-  Tamper(install + "/TessmarChrome");
-  const Result verifying = RunTool({"verify-install"});
-  EXPECT_EQ(verifying.status, 1);
-  EXPECT_NE(verifying.err.find("changed since signing: " + install + "/TessmarChrome\n"),
-            std::string::npos)
-      << verifying.err;
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +15,6 @@
 #include <string>
 
 #include "file_write.h"
-#include "messages.h"
 #include "posix_io.h"
 
 namespace tessmar::nm {
@@ -34,6 +36,33 @@ bool IsChromiumId(const std::string& id) {
     if (c < 'a' || c > 'p') return false;
   }
   return true;
+}
+
+// The manifest naming `path`, laid out as the installed ones are.
+std::string Manifest(const std::string& path, const char* allowed_name,
+                     const std::string& allowed) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', 2);
+  writer.SetFormatOptions(rapidjson::kFormatSingleLineArray);
+  const auto text = [&writer](const std::string& value) {
+    writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+  };
+  writer.StartObject();
+  writer.Key("name");
+  writer.String(kName);
+  writer.Key("description");
+  writer.String("Tessmar native-messaging host");
+  writer.Key("path");
+  text(path);
+  writer.Key("type");
+  writer.String("stdio");
+  writer.Key(allowed_name);
+  writer.StartArray();
+  text(allowed);
+  writer.EndArray();
+  writer.EndObject();
+  return std::string(buffer.GetString(), buffer.GetSize()) + "\n";
 }
 
 // True for a browser this program writes manifests for; false after a
@@ -81,16 +110,9 @@ int InstallManifest(const Options& options) {
   }
   const std::string dir = ManifestDirectory(browser, options);
   if (dir.empty()) return kExitUsage;
-  const std::string self = SelfPath();
-  const std::string allowed =
-      firefox ? "  \"allowed_extensions\": [" + Quote(id) + "]\n"
-              : "  \"allowed_origins\": [" +
-                    Quote("chrome-extension://" + id + "/") + "]\n";
-  const std::string manifest =
-      std::string("{\n  \"name\": \"") + kName + "\",\n" +
-      "  \"description\": \"Tessmar native-messaging host\",\n" +
-      "  \"path\": " + Quote(self) + ",\n" + "  \"type\": \"stdio\",\n" +
-      allowed + "}\n";
+  const std::string manifest = Manifest(
+      SelfPath(), firefox ? "allowed_extensions" : "allowed_origins",
+      firefox ? id : "chrome-extension://" + id + "/");
   const std::string path = dir + "/" + kName + ".json";
   std::string error;
   if (!tools::MakeDirectories(dir)) {

@@ -1,9 +1,12 @@
 #include "messages.h"
 
 #include <json.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "tessmar/json_document.h"
 
@@ -37,46 +40,46 @@ std::size_t Utf8Sequence(const unsigned char* p, std::size_t left) {
   return length;
 }
 
+// One message object, written by RapidJSON; its texts are repaired first,
+// since the writer passes bytes that are not UTF-8 through unchanged.
+struct Message {
+  Message() { writer.StartObject(); }
+  void Seq(std::int64_t seq) {
+    writer.Key("seq");
+    writer.Int64(seq);
+  }
+  void Text(const std::string& text) {
+    const std::string valid = RepairUtf8(text);
+    // RapidJSON counts lengths in 32 bits. A text cut there still makes a
+    // message far over kMaxOutgoing, which is then refused as too large.
+    writer.String(valid.data(),
+                  static_cast<rapidjson::SizeType>(std::min<std::size_t>(
+                      valid.size(), std::numeric_limits<rapidjson::SizeType>::max())));
+  }
+  std::string Finish() {
+    writer.EndObject();
+    return std::string(buffer.GetString(), buffer.GetSize());
+  }
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer{buffer};
+};
+
 }  // namespace
 
-std::string Quote(const std::string& text) {
+std::string RepairUtf8(const std::string& text) {
   std::string out;
-  out.reserve(text.size() + 2);
-  out += '"';
+  out.reserve(text.size());
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   for (std::size_t i = 0; i < text.size();) {
-    const unsigned char c = bytes[i];
-    if (c >= 0x80) {
-      const std::size_t n = Utf8Sequence(bytes + i, text.size() - i);
-      if (n == 0) {
-        out += "\\ufffd";
-        ++i;
-      } else {
-        out.append(text, i, n);
-        i += n;
-      }
-      continue;
+    const std::size_t n = Utf8Sequence(bytes + i, text.size() - i);
+    if (n == 0) {
+      out += "\xef\xbf\xbd";  // U+FFFD for this one byte
+      ++i;
+    } else {
+      out.append(text, i, n);
+      i += n;
     }
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      default:
-        if (c < 0x20) {
-          char escape[7];
-          std::snprintf(escape, sizeof escape, "\\u%04x", c);
-          out += escape;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-    ++i;
   }
-  out += '"';
   return out;
 }
 
@@ -134,19 +137,31 @@ std::string ModeMessage(bool host) {
 }
 
 std::string ReplyMessage(std::int64_t seq, const char* reply) {
-  return "{\"seq\":" + std::to_string(seq) + ",\"reply\":" +
-         (reply != nullptr ? Quote(reply) : std::string("null")) + "}";
+  Message message;
+  message.Seq(seq);
+  message.writer.Key("reply");
+  if (reply != nullptr) {
+    message.Text(reply);
+  } else {
+    message.writer.Null();
+  }
+  return message.Finish();
 }
 
 std::string ErrorMessage(bool has_seq, std::int64_t seq,
                          const std::string& reason) {
-  return std::string("{") +
-         (has_seq ? "\"seq\":" + std::to_string(seq) + "," : "") +
-         "\"error\":" + Quote(reason) + "}";
+  Message message;
+  if (has_seq) message.Seq(seq);
+  message.writer.Key("error");
+  message.Text(reason);
+  return message.Finish();
 }
 
 std::string CallbackMessage(const std::string& text) {
-  return "{\"callback\":" + Quote(text) + "}";
+  Message message;
+  message.writer.Key("callback");
+  message.Text(text);
+  return message.Finish();
 }
 
 }  // namespace tessmar::nm

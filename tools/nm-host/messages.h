@@ -30,10 +30,10 @@ inline constexpr std::size_t kMaxOutgoing = 1024 * 1024;
 // times its text for nested arrays) keeps the adapter under 128 MiB.
 inline constexpr std::size_t kMaxIncoming = 4 * 1024 * 1024;
 
-// `text` as a JSON string literal, quotes included. Control characters,
-// '"' and '\\' are escaped; a byte that does not start a well-formed UTF-8
-// sequence is replaced by \ufffd.
-std::string Quote(const std::string& text);
+// `text` with every byte that does not start a well-formed UTF-8 sequence
+// replaced by U+FFFD; the rest is kept. The messages below pass their texts
+// through it before writing them.
+std::string RepairUtf8(const std::string& text);
 
 // One message from the extension, taken apart.
 struct Incoming {
