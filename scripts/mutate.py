@@ -3,7 +3,7 @@
 the tests catch?
 
   scripts/mutate.py generate [--per-file N]   rewrite scripts/mutations.tsv
-  scripts/mutate.py run [--only TEXT] [--build DIR] [--timeout S] [--plain]
+  scripts/mutate.py run [--only TEXT]... [--build DIR] [--timeout S] [--plain]
   scripts/mutate.py list
 
 `generate` scans the sources for places where a typical mistake can be made
@@ -203,7 +203,7 @@ def run(only, build, timeout, plain):
     results = {}  # subsystem -> [killed, survived, stale, equivalent]
     survivors = []
     for m in load():
-        if only and only not in describe(m):
+        if only and not any(text in describe(m) for text in only):
             continue
         parts = pathlib.Path(m["file"]).parts
         subsystem = "/".join(parts[:2]) if parts[0] == "tools" else parts[1]
@@ -261,8 +261,9 @@ def main():
     g = sub.add_parser("generate", help="rewrite scripts/mutations.tsv")
     g.add_argument("--per-file", type=int, default=4)
     r = sub.add_parser("run", help="run the mutants")
-    r.add_argument("--only", default="", help="run mutants whose description "
-                   "contains this text (a file name, a kind)")
+    r.add_argument("--only", action="append", default=[],
+                   help="run mutants whose description contains this text (a "
+                   "file name, a kind); may be given more than once")
     r.add_argument("--build", default=str(ROOT / "build" / "mutate"))
     r.add_argument("--timeout", type=int, default=60,
                    help="seconds per test")
