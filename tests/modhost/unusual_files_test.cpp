@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -36,13 +37,24 @@ std::string Answer(int status) {
   return BuildReplyEnvelope("8", "t", status, "{}", "c");
 }
 
-// Runs `scenario` isolated and requires it to be over within a second.
+std::size_t OpenDescriptors() {
+  std::size_t count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    ++count;
+  }
+  return count;
+}
+
+// Runs `scenario` isolated and requires it to be over within a second,
+// leaving no descriptor open.
 ::testing::AssertionResult Promptly(const std::function<void()>& scenario) {
   return RunIsolated(
       [&] {
+        const std::size_t descriptors = OpenDescriptors();
         const auto start = std::chrono::steady_clock::now();
         scenario();
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        EXPECT_EQ(OpenDescriptors(), descriptors);
       },
       kTimeoutSeconds, kMemoryHeadroom);
 }
