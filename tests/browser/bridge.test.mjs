@@ -9,8 +9,6 @@ import { describe, test } from 'node:test';
 import { browsers, goTo, invoke, MODULE_VERSION, openPage, request, sleep, startServer,
   waitForCallbacks, withBrowser } from './harness.mjs';
 
-const bytes = (text) => Buffer.byteLength(text, 'utf8');
-
 // The tab id the extension filled in, read back from a reply envelope.
 function tabidOf(envelope) {
   const match = /"tabid":"([^"]*)"/.exec(envelope);
@@ -25,7 +23,7 @@ function echoEnvelope(request, tabid, origin) {
   const sent = JSON.stringify({ ...request, tabid, origin });
   return `{"response": {"id": "${request.id}", "tabid":"${tabid}", "status":"TRUE", ` +
     `"reply":{"module":"echo","origin":"${origin}","id":"${request.id}",` +
-    `"length":${bytes(sent)}}, "callback": "${request.callback ?? ''}"}}`;
+    `"length":${Buffer.byteLength(sent)}}, "callback": "${request.callback ?? ''}"}}`;
 }
 
 function pingCallback(tabid, callback, id) {
