@@ -9,8 +9,6 @@ import { describe, test } from 'node:test';
 import { browsers, goTo, invoke, MODULE_VERSION, openPage, request, sleep, startServer,
   waitForCallbacks, withBrowser } from './harness.mjs';
 
-const bytes = (text) => Buffer.byteLength(text, 'utf8');
-
 // The tab id the extension filled in, read back from a reply envelope.
 function tabidOf(envelope) {
   const match = /"tabid":"([^"]*)"/.exec(envelope);
@@ -25,7 +23,7 @@ function echoEnvelope(request, tabid, origin) {
   const sent = JSON.stringify({ ...request, tabid, origin });
   return `{"response": {"id": "${request.id}", "tabid":"${tabid}", "status":"TRUE", ` +
     `"reply":{"module":"echo","origin":"${origin}","id":"${request.id}",` +
-    `"length":${bytes(sent)}}, "callback": "${request.callback ?? ''}"}}`;
+    `"length":${Buffer.byteLength(sent)}}, "callback": "${request.callback ?? ''}"}}`;
 }
 
 function pingCallback(tabid, callback, id) {
@@ -43,28 +41,22 @@ for (const name of Object.keys(browsers)) {
         const page = await openPage(browser, `${server.origin}/a`);
 
         await t.test('version query', async () => {
-          assert.deepEqual(await invoke(page, { init: 'get_version', module: 'echo' }),
-                           { reply: `"version: ${MODULE_VERSION}"` });
+          // request() parses the text invoke() gives.
           assert.deepEqual(await request(page, { init: 'get_version', module: 'echo' }),
                            { status: 'TRUE', reply: `version: ${MODULE_VERSION}` });
         });
 
         await t.test('native request to the echo module, envelope byte for byte', async () => {
-          const sent = { cmd: 'native', id: '1', callback: 'onEcho', module: 'echo', note: 'é ✓' };
-          const { reply } = await invoke(page, sent);
-          assert.equal(reply, echoEnvelope(sent, tabidOf(reply), server.origin));
-          // The text form of a request is served alike.
-          const again = await invoke(page, JSON.stringify(sent));
-          assert.equal(again.reply, reply);
-        });
-
-        await t.test('a page cannot speak for another tab or origin', async () => {
-          const sent = { cmd: 'native', id: '2', tabid: '999', origin: 'https://bank.example', module: 'echo' };
-          const { reply } = await invoke(page, sent);
+          // A page cannot speak for another tab or origin: the extension
+          // overwrites both.
+          const sent = { cmd: 'native', id: '1', tabid: '999', origin: 'https://bank.example',
+                         callback: 'onEcho', module: 'echo', note: 'é ✓' };
+          const reply = await invoke(page, sent);
           const tabid = tabidOf(reply);
           assert.notEqual(tabid, '999');
           assert.equal(reply, echoEnvelope(sent, tabid, server.origin));
-          assert.ok(!reply.includes('bank.example'), reply);
+          // The text form of a request is served alike.
+          assert.equal(await invoke(page, JSON.stringify(sent)), reply);
         });
 
         await t.test('every refusal is a TessmarError with its status and reason', async () => {
@@ -97,17 +89,6 @@ for (const name of Object.keys(browsers)) {
           await sleep(300);
           assert.equal((await page.evaluate(() => window.received)).length, 1);
           assert.equal((await other.evaluate(() => window.received)).length, 1);
-        });
-
-        await t.test('no text a page chooses decides where a callback goes', async () => {
-          const victim = await openPage(browser, `${server.origin}/victim`);
-          const victimTab = (await request(victim, { cmd: 'native', id: 'v', module: 'echo' })).tabid;
-          const forged = `x"}, "response":{"id":"setcallback","tabid":"${victimTab}",` +
-                         '"reply":{"forged":true}}, "pad":{"a":"';
-          const refused = await request(page, { cmd: 'setcallback', id: '9', callback: forged, module: 'echo' });
-          assert.equal(refused.reason, '"callback" may not hold quotes, backslashes or control characters');
-          await sleep(300);
-          assert.deepEqual(await victim.evaluate(() => window.received), []);
         });
 
         await t.test('a callback reaches only the document that registered it', async () => {
@@ -150,10 +131,7 @@ for (const name of Object.keys(browsers)) {
         await t.test('a sandboxed frame is origin "null"', async () => {
           const outer = await browser.newPage();
           await outer.goto(`${server.origin}/sandboxed`);
-          let frame;
-          for (let i = 0; i < 100 && !frame; i++, await sleep(50)) {
-            frame = outer.frames().find((f) => f.url().endsWith('/framed'));
-          }
+          const frame = await outer.waitForFrame((f) => f.url().endsWith('/framed'), { timeout: 5_000 });
           await goTo(frame);
           assert.equal((await request(frame, { cmd: 'native', id: 'o', module: 'echo' })).reply.origin, 'null');
         });
@@ -174,7 +152,6 @@ for (const name of Object.keys(browsers)) {
           const replies = await demo.$eval('#replies', (e) => e.textContent);
           assert.match(replies, /^version: "version: 1\.0\.0\.1"$/m);
           assert.match(replies, new RegExp(`^echo: .*"status":"TRUE", "reply":\\{"module":"echo","origin":"${server.origin}"`, 'm'));
-          assert.ok(!replies.includes('claimed.example'), replies);
           assert.match(replies, /^callback: .*"registered":true/m);
           assert.match(replies, /^blocked: .*"status":"BLOCK:CLIENT"/m);
           assert.match(await demo.$eval('#callbacks', (e) => e.textContent),
@@ -188,13 +165,11 @@ for (const name of Object.keys(browsers)) {
     test('the adapter in host mode serves pages through the reference host', async (t) => {
       await withBrowser(name, { hostMode: true }, async ({ browser, sandbox, server }) => {
         const page = await openPage(browser, `${server.origin}/host`);
-        await t.test('version query and echo request', async () => {
-          assert.deepEqual(await invoke(page, { init: 'get_version', module: 'echo' }),
-                           { reply: `"version: ${MODULE_VERSION}"` });
-          assert.ok(fs.existsSync(fifo(sandbox)), 'the host\'s FIFOs exist');
+        await t.test('echo request', async () => {
           const sent = { cmd: 'native', id: '7', module: 'echo', origin: 'https://bank.example' };
-          const { reply } = await invoke(page, sent);
+          const reply = await invoke(page, sent);
           assert.equal(reply, echoEnvelope(sent, tabidOf(reply), server.origin));
+          assert.ok(fs.existsSync(fifo(sandbox)), 'the host\'s FIFOs exist');
         });
         await t.test('callback from the host', async () => {
           const { tabid } = await request(page, { cmd: 'setcallback', id: '8', callback: 'cbH', module: 'echo' });

@@ -14,7 +14,7 @@ import { fileURLToPath } from 'node:url';
 import puppeteer from 'puppeteer-core';
 
 const root = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '../..');
-export const extensionDir = path.join(root, 'extension');
+const extensionDir = path.join(root, 'extension');
 const buildDir = path.resolve(root, process.env.TESSMAR_BUILD_DIR ?? 'build/tests');
 const built = {
   library: 'src/libTessmarFirefox.so',
@@ -44,12 +44,6 @@ function builtFile(name) {
   return file;
 }
 
-function copyExecutable(from, to) {
-  fs.mkdirSync(path.dirname(to), { recursive: true });
-  fs.copyFileSync(from, to);
-  fs.chmodSync(to, 0o755);
-}
-
 // A sandbox installation in a fresh temporary directory, signed with the
 // built tessmar-sign, and this user's native-messaging manifest for
 // `browser`. `hostMode` makes the manifest start the adapter with --host.
@@ -57,12 +51,16 @@ export function makeSandbox(browser, { hostMode = false } = {}) {
   const dir = fs.mkdtempSync(path.join(os.tmpdir(), `tessmar-${browser}-`));
   const home = path.join(dir, 'home');
   const install = path.join(home, 'opt', 'tessmar');
-  const adapter = path.join(install, 'TessmarChrome');
-  copyExecutable(builtFile('library'), path.join(install, 'libTessmarFirefox.so'));
-  copyExecutable(builtFile('host'), path.join(install, 'TessmarFirefox'));
-  copyExecutable(builtFile('adapter'), adapter);
-  const echo = path.join(install, 'modules', 'libtessmar_echo_module.so');
-  copyExecutable(builtFile('echo'), echo);
+  fs.mkdirSync(path.join(install, 'modules'), { recursive: true });
+  // Copied with their modes; returns the copy's path.
+  const copy = (name, file) => {
+    fs.copyFileSync(builtFile(name), path.join(install, file));
+    return path.join(install, file);
+  };
+  copy('library', 'libTessmarFirefox.so');
+  copy('host', 'TessmarFirefox');
+  const adapter = copy('adapter', 'TessmarChrome');
+  const echo = copy('echo', 'modules/libtessmar_echo_module.so');
 
   const configDir = path.join(home, '.config', 'Pelmora', 'Tessmar', 'morrowhost');
   fs.mkdirSync(configDir, { recursive: true });
@@ -74,8 +72,7 @@ export function makeSandbox(browser, { hostMode = false } = {}) {
   sign('module', 'echo', echo, '--version', MODULE_VERSION);
   // One test module under two names, hence in two adapter processes: it
   // sleeps, crashes or calls back late as the request asks.
-  const testModule = path.join(install, 'modules', 'libtest_module.so');
-  copyExecutable(builtFile('testModule'), testModule);
+  const testModule = copy('testModule', 'modules/libtest_module.so');
   for (const name of ['slow', 'crashy']) sign('module', name, testModule);
   // A module whose signature does not match its file.
   fs.writeFileSync(path.join(configDir, 'blocked.json'), JSON.stringify({
@@ -148,26 +145,18 @@ export async function startServer() {
 // process running a program of the sandbox (the adapter and the host may
 // sit in process groups of their own).
 function killSession(browserProcess, sandbox) {
-  if (browserProcess?.pid) {
+  // Each step may find the process gone already (or never readable).
+  const tryTo = (step) => {
     try {
-      process.kill(-browserProcess.pid, 'SIGKILL');
+      return step();
     } catch {
-      // already gone
+      return '';
     }
-  }
+  };
+  if (browserProcess?.pid) tryTo(() => process.kill(-browserProcess.pid, 'SIGKILL'));
   for (const pid of fs.readdirSync('/proc').filter((name) => /^\d+$/.test(name))) {
-    let exe;
-    try {
-      exe = fs.readlinkSync(`/proc/${pid}/exe`);
-    } catch {
-      continue;
-    }
-    if (exe.startsWith(sandbox.dir + path.sep)) {
-      try {
-        process.kill(Number(pid), 'SIGKILL');
-      } catch {
-        // already gone
-      }
+    if (tryTo(() => fs.readlinkSync(`/proc/${pid}/exe`)).startsWith(sandbox.dir + path.sep)) {
+      tryTo(() => process.kill(Number(pid), 'SIGKILL'));
     }
   }
 }
@@ -243,17 +232,15 @@ export async function goTo(page, url) {
 
 export const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-// invoke() in the page; resolves with {reply} or {error}.
+// invoke() in the page; resolves with the reply text.
 export function invoke(page, request) {
-  return page.evaluate((r) => window.tessmar.invoke(r).then(
-    (reply) => ({ reply }), (error) => ({ error: error.message })), request);
+  return page.evaluate((r) => window.tessmar.invoke(r), request);
 }
 
 // request() in the page; resolves with the envelope, or {status, reason}
 // of the TessmarError it rejected with.
 export function request(page, object) {
-  return page.evaluate((r) => window.tessmar.request(r).then(
-    (envelope) => envelope,
+  return page.evaluate((r) => window.tessmar.request(r).catch(
     (error) => ({ name: error.name, status: error.status, reason: error.reason })), object);
 }
 

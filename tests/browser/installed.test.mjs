@@ -2,22 +2,15 @@
 // adapter through the package's system manifests alone. Runs when the
 // package is installed (scripts/browser-test.sh --installed DEB does that).
 import assert from 'node:assert/strict';
-import { execFileSync } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import { describe, test } from 'node:test';
 
 import { browsers, openPage, request, withBrowser } from './harness.mjs';
 
-function installed() {
-  try {
-    return execFileSync('dpkg-query', ['-W', '-f=${Status}', 'tessmar'],
-                        { encoding: 'utf8', stdio: 'pipe' }).includes('install ok installed');
-  } catch {
-    return false;
-  }
-}
-
-const skip = !installed() && 'the tessmar package is not installed';
+const installed = spawnSync('dpkg-query', ['-W', '-f=${Status}', 'tessmar'], { encoding: 'utf8' })
+  .stdout?.includes('install ok installed');
+const skip = !installed && 'the tessmar package is not installed';
 
 for (const name of Object.keys(browsers)) {
   const missing = !fs.existsSync(browsers[name].executable) && `${name} is not installed`;

@@ -6,14 +6,11 @@
 #define TESSMAR_TESTS_SUPPORT_PIPED_CHILD_H
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "frame.h"
 #include "posix_io.h"
 
 namespace tessmar::testing {
@@ -76,13 +74,11 @@ class PipedChild {
     in_ = -1;
   }
 
-  // The next message's body, or "<none>" when none comes within `timeout`.
-  std::string Read(std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
-    std::uint32_t length = 0;
-    if (!ReadExactly(&length, sizeof length, timeout)) return "<none>";
-    std::string body(length, '\0');
-    if (!ReadExactly(&body[0], length, timeout)) return "<none>";
-    return body;
+  // The next message's body, or "<none>" when its output ends (a child that
+  // hangs is left to the test's time limit).
+  std::string Read() {
+    std::string body;
+    return tools::ReadFrame(out_, body) == tools::FrameRead::kMessage ? body : "<none>";
   }
 
   // Context switches of all its threads so far: every wake-up is one.
@@ -116,18 +112,6 @@ class PipedChild {
   }
 
  private:
-  bool ReadExactly(void* buffer, std::size_t size, std::chrono::milliseconds timeout) {
-    auto* bytes = static_cast<char*>(buffer);
-    while (size > 0) {
-      pollfd wait{out_, POLLIN, 0};
-      if (poll(&wait, 1, static_cast<int>(timeout.count())) != 1) return false;
-      const ssize_t n = read(out_, bytes, size);
-      if (n <= 0) return false;
-      bytes += n;
-      size -= static_cast<std::size_t>(n);
-    }
-    return true;
-  }
   pid_t pid_ = -1;
   int in_ = -1;
   int out_ = -1;
