@@ -20,6 +20,7 @@ class AesTest : public AesVariantTest {};
 TESSMAR_AES_VARIANT_SUITE(AesTest);
 
 TEST_P(AesTest, VectorsAndKeySchedules) {
+  // Four blocks under each key length (SP 800-38A F.1.1, F.1.3, F.1.5).
   const std::pair<const Bytes&, const char*> vectors[] = {
       {kKey128, kEcb128}, {kKey192, kEcb192}, {kKey256, kEcb256}};
   for (const auto& [key, hex] : vectors) {
