@@ -1,7 +1,7 @@
 // Runs a suite once per AES variant (aes_variant.h), with that variant in use
 // for the exported calls and the block-cipher context; a variant the CPU
-// lacks is skipped, never silently replaced. Also the byte helpers the AES
-// and block-cipher tests share.
+// lacks is skipped, never silently replaced. Also the byte helpers and
+// published vectors the AES and block-cipher tests share.
 #ifndef TESSMAR_TESTS_CRYPTO_AES_VARIANTS_H
 #define TESSMAR_TESTS_CRYPTO_AES_VARIANTS_H
 
