@@ -3,8 +3,6 @@
 #ifndef TESSMAR_FUZZ_FUZZ_INPUT_H
 #define TESSMAR_FUZZ_FUZZ_INPUT_H
 
-#include <sys/stat.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -47,10 +45,6 @@ inline std::pair<std::string, std::string> SplitAt(const std::string& text,
   const std::size_t at = text.find(separator);
   if (at == std::string::npos) return {text, std::string()};
   return {text.substr(0, at), text.substr(at + 1)};
-}
-
-inline void MakeDirectory(const std::string& path) {
-  if (mkdir(path.c_str(), 0755) != 0) std::abort();
 }
 
 // A fresh directory under TMPDIR used as HOME for the whole run (removed at

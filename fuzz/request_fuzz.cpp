@@ -6,6 +6,7 @@
 // loader can open runs code of its own.
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "fuzz_input.h"
@@ -28,7 +29,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   using tessmar::fuzz::WriteFile;
   const std::string dir = tessmar::fuzz::MakeFuzzHome();
   const std::string install = std::string(std::getenv("HOME")) + "/install";
-  tessmar::fuzz::MakeDirectory(install);
+  std::filesystem::create_directory(install);
 
   // The installation signature over the (absent) installed files; makeSig
   // reads its header from the existing config.json.
