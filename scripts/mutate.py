@@ -34,6 +34,7 @@ import hashlib
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 
@@ -166,15 +167,25 @@ def build_and_test(build, timeout):
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     if built.returncode != 0:
         return False
+    # CTest in a process group of its own: when it stops on the first
+    # failure, or is killed here, it leaves the other test still running,
+    # and a mutant's endless loop would go on eating the cores (and time out
+    # the mutants after it) unless the whole group goes with it.
+    tested = subprocess.Popen(
+        ["ctest", "--test-dir", str(build), "-j2", "--timeout", str(timeout),
+         "--stop-on-failure"],
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+        env=dict(os.environ, **SANITIZER_ENV), start_new_session=True)
     try:
-        tested = subprocess.run(
-            ["ctest", "--test-dir", str(build), "-j2", "--timeout",
-             str(timeout), "--stop-on-failure"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            timeout=timeout * 4, env=dict(os.environ, **SANITIZER_ENV))
+        status = tested.wait(timeout=timeout * 4)
     except subprocess.TimeoutExpired:
-        return False
-    return tested.returncode == 0
+        status = None
+    try:
+        os.killpg(tested.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    tested.wait()
+    return status == 0
 
 
 def configure(build, sanitize):
