@@ -6,7 +6,7 @@
 
 #include "modhost/module_registry.h"
 #include "support/isolated_process.h"
-#include "support/module_sandbox.h"
+#include "support/signed_installation.h"
 #include "tessmar/bridge.h"
 #include "tessmar/modhost.h"
 #include "tessmar/signature.h"

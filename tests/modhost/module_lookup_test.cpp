@@ -12,11 +12,7 @@ namespace {
 
 constexpr char kBlocked[] = "BLOCK:CLIENT";
 
-std::string ModuleJson(const std::string& name, const std::string& path, const std::string& sig) {
-  return "{\"Name\":\"" + name + "\",\"Path\":\"" + path + "\",\"Sig\":\"" + sig +
-         "\",\"Version\":\"1.0.0.1\"}";
-}
-
+using tessmar::testing::ModuleJson;
 constexpr auto ModuleSignature = tessmar::testing::SignedInstallation::ModuleSignature;
 
 class InstallPathTest : public ::testing::Test {
