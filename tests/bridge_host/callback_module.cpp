@@ -82,17 +82,14 @@ char* Invoke(const char*, const char*, const char* request) {
   return strdup(answer.c_str());
 }
 
-std::vector<std::thread>& Delayed() {
-  static std::vector<std::thread> threads;
-  return threads;
-}
+std::vector<std::thread> g_delayed;  // the setcallback threads, joined by Terminate
 
 char* SetCallback(const char*, const char*, const char* request, const char* tabid, int) {
   json_value* root = json_parse(request, std::strlen(request));
   const json_value* name = Member(root, "callback");
   const json_value* delay = Member(root, "delayMs");
   if (name && name->type == json_string && delay && delay->type == json_integer) {
-    Delayed().emplace_back([tabid = std::string(tabid), name = std::string(name->u.string.ptr),
+    g_delayed.emplace_back([tabid = std::string(tabid), name = std::string(name->u.string.ptr),
                             ms = delay->u.integer] {
       std::this_thread::sleep_for(std::chrono::milliseconds(ms));
       g_host->SendCallback(tabid.c_str(), nullptr, name.c_str(), "{\"delayed\":true}");
@@ -109,8 +106,8 @@ extern "C" __attribute__((visibility("default"))) int Initialize(
   std::memset(funcs, 0, sizeof *funcs);
   funcs->SetHostFuncs = [](QXHostFuncs* host) { g_host = host; };
   funcs->Terminate = [] {
-    for (std::thread& thread : Delayed()) thread.join();
-    Delayed().clear();
+    for (std::thread& thread : g_delayed) thread.join();
+    g_delayed.clear();
     std::ofstream(std::string(std::getenv("HOME")) + "/module-terminated");
   };
   funcs->FreeString = [](char* text) { std::free(text); };
