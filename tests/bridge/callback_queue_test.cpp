@@ -61,13 +61,11 @@ TEST_F(CallbackQueue, MessagesComeOutInOrderAndEndAtTheirFirstNul) {
   tsmx_Free(nullptr);  // allowed, and does nothing
 }
 
-TEST_F(CallbackQueue, HostTableQueuesAndTheResponseCallbackIsNeverCalled) {
-  EXPECT_EQ(g_bridgeHostFuncs.version, 1u);
-  EXPECT_EQ(g_bridgeHostFuncs.size, 48u);
-  EXPECT_EQ(g_bridgeHostFuncs.revision, 2u);
+// The table's version, size and revision, and its SendCallback reaching the
+// queue, are checked where a module receives it (invoke_routing_test).
+TEST_F(CallbackQueue, HostTableAllocatesWithMallocAndTheResponseCallbackIsNeverCalled) {
   EXPECT_EQ(g_bridgeHostFuncs.Alloc, &std::malloc);
   EXPECT_EQ(g_bridgeHostFuncs.Free, &std::free);
-  EXPECT_EQ(g_bridgeHostFuncs.SendCallback, &PushSetCallbackReply);
   tsmx_SetResponseCallback(reinterpret_cast<void*>(&std::abort));
   PushSetCallbackReply("t", nullptr, "c", "{}");
   EXPECT_NE(PopText(), "");

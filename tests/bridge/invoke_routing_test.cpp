@@ -8,10 +8,9 @@
 #include "tessmar/host_protocol.h"
 #include "support/bridge_calls.h"
 #include "support/isolated_process.h"
-#include "support/module_sandbox.h"
+#include "support/signed_installation.h"
 #include "tessmar/bridge.h"
 #include "tessmar/modhost.h"
-
 
 namespace {
 
@@ -28,12 +27,8 @@ TEST(LocalQueries, InitRequestsAreAnsweredFromTheConfigFiles) {
   TempHome home;
   const std::string library = home.WriteHomeFile("lib/libclient.so", "lib");
   home.WriteConfig("config.json", R"({"Version":"2.5.0.1"})");
-  for (const auto& [name, version] : {std::pair{"morrowhost", "3.1.0.7"},
-                                      std::pair{"other", "1.2.3.4"}}) {
-    home.WriteConfig(std::string(name) + ".json",
-                     R"({"Path":")" + library + R"(","Sig":"s","Name":")" +
-                         name + R"(","Version":")" + version + "\"}");
-  }
+  home.WriteConfig("morrowhost.json", ModuleJson("morrowhost", library, "s", "3.1.0.7"));
+  home.WriteConfig("other.json", ModuleJson("other", library, "s", "1.2.3.4"));
   const std::string clients =
       R"(, "qx":"2.5.0.1","m":[{"name":"other","version":"1.2.3.4"})"
       R"(,{"name":"missing","version":""}]})";
@@ -74,10 +69,8 @@ TEST(InvokeRouting, InProcessModulesGetTheBridgesHostTableAndNoPathNames) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
     // A correctly signed module file a page saved below HOME.
-    const std::string file =
-        R"({"Name":"x","Path":")" FIXTURE_RECORDING_A_PATH R"(","Sig":")" +
-        SignedInstallation::ModuleSignature(FIXTURE_RECORDING_A_PATH) +
-        R"(","Version":"6.6.6.6"})";
+    const std::string file = ModuleJson(
+        "x", FIXTURE_RECORDING_A_PATH, SignedInstallation::ModuleSignature(FIXTURE_RECORDING_A_PATH));
     s.home.WriteHomeFile("Downloads/x.json", file);
     EXPECT_EQ(InvokeText(R"({"cmd":"native","id":"1","module":"../../../../Downloads/x"})"),
               BuildReplyEnvelope("1", "", REPLY_FALSE, nullptr, ""));

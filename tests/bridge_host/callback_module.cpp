@@ -2,13 +2,11 @@
 // as it stands; "badUtf8" answers bytes that are not UTF-8; "bytes": N answers
 // a JSON string of N letters; "callbackBytes": N sends a callback of N letters,
 // then a small one; "print" writes to standard output; "sleepMs": N answers
-// after N ms; "crash" aborts the process; "stamp" sends a callback carrying
-// the CLOCK_MONOTONIC time of its SendCallback in ns; anything else sends 101
-// callbacks from four threads. A "setcallback" request is answered {} and,
+// after N ms; "crash" aborts the process; anything else sends 101 callbacks
+// from four threads. A "setcallback" request is answered {} and,
 // "delayMs" later, called back once from a thread of its own. Terminate joins
 // that thread and leaves HOME/module-terminated behind.
 #include <json.h>
-#include <time.h>
 
 #include <chrono>
 #include <cstdio>
@@ -75,12 +73,6 @@ char* Invoke(const char*, const char*, const char* request) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms->u.integer));
   } else if (Member(root, "crash") != nullptr) {
     std::abort();
-  } else if (Member(root, "stamp") != nullptr) {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const std::string reply =
-        "{\"ns\":" + std::to_string(now.tv_sec * 1000000000LL + now.tv_nsec) + "}";
-    g_host->SendCallback("t1", nullptr, "stamp", reply.c_str());
   } else {
     const int results = SendFromFourThreads();
     answer = "{\"sent\":101" +
@@ -90,17 +82,14 @@ char* Invoke(const char*, const char*, const char* request) {
   return strdup(answer.c_str());
 }
 
-std::vector<std::thread>& Delayed() {
-  static std::vector<std::thread> threads;
-  return threads;
-}
+std::vector<std::thread> g_delayed;  // the setcallback threads, joined by Terminate
 
 char* SetCallback(const char*, const char*, const char* request, const char* tabid, int) {
   json_value* root = json_parse(request, std::strlen(request));
   const json_value* name = Member(root, "callback");
   const json_value* delay = Member(root, "delayMs");
   if (name && name->type == json_string && delay && delay->type == json_integer) {
-    Delayed().emplace_back([tabid = std::string(tabid), name = std::string(name->u.string.ptr),
+    g_delayed.emplace_back([tabid = std::string(tabid), name = std::string(name->u.string.ptr),
                             ms = delay->u.integer] {
       std::this_thread::sleep_for(std::chrono::milliseconds(ms));
       g_host->SendCallback(tabid.c_str(), nullptr, name.c_str(), "{\"delayed\":true}");
@@ -117,8 +106,8 @@ extern "C" __attribute__((visibility("default"))) int Initialize(
   std::memset(funcs, 0, sizeof *funcs);
   funcs->SetHostFuncs = [](QXHostFuncs* host) { g_host = host; };
   funcs->Terminate = [] {
-    for (std::thread& thread : Delayed()) thread.join();
-    Delayed().clear();
+    for (std::thread& thread : g_delayed) thread.join();
+    g_delayed.clear();
     std::ofstream(std::string(std::getenv("HOME")) + "/module-terminated");
   };
   funcs->FreeString = [](char* text) { std::free(text); };

@@ -81,11 +81,19 @@ class HostScript {
   // Once `bytes` request bytes lie unread (at most 5 s), closes the request
   // FIFO: the library's writes then fail.
   HostScript& CloseRequestsAt(int bytes) { return Step('x', std::to_string(bytes)); }
-  // For the next host started.
-  void Use() const { setenv(kScriptVariable, text_.c_str(), 1); }
+  // For the next host started: the steps go to HOME/script, each one letter
+  // and its framed argument.
+  void Use() const {
+    const std::string path = std::string(std::getenv("HOME")) + "/script";
+    WriteFile(path, text_);
+    setenv(kScriptVariable, path.c_str(), 1);
+  }
 
  private:
-  HostScript& Step(char op, const std::string& argument);
+  HostScript& Step(char op, const std::string& argument) {
+    text_ += op + Frame(argument);
+    return *this;
+  }
   std::string text_;
 };
 

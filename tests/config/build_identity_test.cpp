@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "support/temp_home.h"
+#include "support/signed_installation.h"
 #include "tessmar/config.h"
 #include "tessmar/signature.h"
 
@@ -15,22 +15,18 @@
 namespace {
 
 constexpr bool kSibling = TESSMAR_TEST_SIBLING_BUILD != 0;
-
-std::string ModuleJson(const std::string& name, const std::string& path, const std::string& sig) {
-  return "{\"Name\":\"" + name + "\",\"Path\":\"" + path + "\",\"Sig\":\"" + sig +
-         "\",\"Version\":\"3.1.4.1\"}";
-}
+using tessmar::testing::ModuleJson;
 
 TEST(BuildIdentity, ClientVersionSignatureChecksAndManifestFollowTheIdentity) {
   tessmar::testing::TempHome home;
   const std::string library = home.WriteHomeFile("lib/libreader.so", "lib");
   const std::string missing = home.path() + "/lib/missing.so";
-  const std::string signature = MakeBase64Encode(makeClientSig("morrowhost", "pelmora", library));
+  const std::string signature = tessmar::testing::SignedInstallation::ModuleSignature(library);
 
   home.WriteConfig("present.json", ModuleJson("present", library, "c2ln"));
   home.WriteConfig("missing.json", ModuleJson("missing", missing, "c2ln"));
-  EXPECT_EQ(GetClientVersion("present"), "3.1.4.1");
-  EXPECT_EQ(GetClientVersion("missing"), kSibling ? "" : "3.1.4.1");
+  EXPECT_EQ(GetClientVersion("present"), "1.0.0.1");
+  EXPECT_EQ(GetClientVersion("missing"), kSibling ? "" : "1.0.0.1");
 
   EXPECT_TRUE(CheckQXClientModuleSignature(library.c_str(), signature.c_str()));
   EXPECT_EQ(CheckQXClientModuleSignature(library.c_str(), "bm90IGl0"), kSibling);

@@ -1,4 +1,6 @@
-// Request processing, replies compared byte for byte; scenarios that load
+// Page origins, the reply envelope and request processing, replies compared
+// byte for byte: the envelope's blanks are irregular on purpose and
+// extensions in the field parse exactly this text. Scenarios that load
 // modules run isolated.
 #include <gtest/gtest.h>
 
@@ -8,7 +10,7 @@
 
 #include "modhost/module_registry.h"
 #include "support/isolated_process.h"
-#include "support/module_sandbox.h"
+#include "support/signed_installation.h"
 #include "tessmar/modhost.h"
 
 namespace {
@@ -19,9 +21,50 @@ std::string Process(const std::string& request, QXHostFuncs* host = nullptr) {
   return process_request(nullptr, request.c_str(), static_cast<int>(request.size()), host);
 }
 
-std::string Envelope(const std::string& id, const std::string& tabid, int status,
+// The envelope as extensions parse it.
+std::string Envelope(const std::string& id, const std::string& tabid, const std::string& status,
                      const std::string& reply, const std::string& callback) {
-  return BuildReplyEnvelope(id.c_str(), tabid.c_str(), status, reply.c_str(), callback.c_str());
+  return R"({"response": {"id": ")" + id + R"(", "tabid":")" + tabid + R"(", "status":")" +
+         status + R"(", "reply":)" + reply + R"(, "callback": ")" + callback + R"("}})";
+}
+
+TEST(ParseOrigin, SplitsSchemeHostAndPortQuirksIncludedAndGetCSIDJoinsTheLastTwo) {
+  // Origin, then scheme|host|port. The scheme is compared ignoring case; other
+  // schemes get port 0.
+  const char* const cases[][2] = {
+      {"https://h", "https|h|443"}, {"hTtP://h", "hTtP|h|80"}, {"ftp://h", "ftp|h|0"},
+      {"https://h:8443", "https|h|8443"}, {"://h", "|h|0"},
+      // Whatever follows the authority stays in the last part; the first ":" splits.
+      {"http://h/x", "http|h/x|80"}, {"http://[::1]:80", "http|[|:1]:80"},
+      // Without "://" the rest starts at the third character; the scheme is the whole origin.
+      {"http", "http|tp|80"}, {"ab:cd", "ab:cd||cd"},
+      // Origins shorter than four characters clear all three parts.
+      {"", "||"}, {"abc", "||"}};
+  for (const auto& c : cases) {
+    std::string scheme = "old", host = "old", port = "old";
+    ParseOrigin(c[0], scheme, host, port);
+    EXPECT_EQ(scheme + "|" + host + "|" + port, c[1]) << c[0];
+    EXPECT_EQ(GetCSID(c[0]), host + ":" + port) << c[0];
+  }
+}
+
+TEST(ReplyEnvelope, StatusCodesMapToTheirWordsAndEverythingElseToFalse) {
+  const char* const words[] = {"TRUE", "FALSE", "CANCEL", "FALSE", "BLOCK:QX", "BLOCK:CLIENT"};
+  for (int code = -1; code <= 6; ++code) {
+    EXPECT_EQ(BuildReplyEnvelope("1", "", code, "{}", ""),
+              Envelope("1", "", code < 0 || code > 5 ? "FALSE" : words[code], "{}", ""))
+        << code;
+  }
+}
+
+TEST(ReplyEnvelope, PiecesAreCopiedUnescapedAndMissingOnesLeftEmpty) {
+  EXPECT_EQ(BuildReplyEnvelope("9", "t", REPLY_FALSE, nullptr, nullptr),
+            Envelope("9", "t", "FALSE", "{}", ""));
+  EXPECT_EQ(BuildReplyEnvelope("", nullptr, REPLY_TRUE, "", ""),
+            Envelope("", "", "TRUE", "{}", ""));
+  EXPECT_EQ(BuildReplyEnvelope(nullptr, "t", REPLY_TRUE, "{}", "cb"), "");
+  EXPECT_EQ(BuildReplyEnvelope("a\"b", "c\\d", REPLY_TRUE, "[1,\"x\"]", "e\nf"),
+            Envelope("a\"b", "c\\d", "TRUE", "[1,\"x\"]", "e\nf"));
 }
 
 TEST(ProcessRequest, OnlyUsableRequestsAreAnsweredAndEchoNeedsNoModule) {
@@ -44,10 +87,10 @@ TEST(ProcessRequest, OnlyUsableRequestsAreAnsweredAndEchoNeedsNoModule) {
   // The echo holds the `length` bytes given, not what follows them.
   const std::string padded = request + "trailing bytes";
   EXPECT_EQ(process_request(nullptr, padded.c_str(), static_cast<int>(request.size()), nullptr),
-            Envelope("7", "t", REPLY_TRUE, R"({"reply":{"status":"0", "reply":)" + request + "}}",
+            Envelope("7", "t", "TRUE", R"({"reply":{"status":"0", "reply":)" + request + "}}",
                      "cb"));
   EXPECT_EQ(Process(R"({"cmd":"native","id":"9","tabid":"t","callback":"c","module":"_all_"})"),
-            Envelope("9", "t", REPLY_TRUE, "{}", "c"));
+            Envelope("9", "t", "TRUE", "{}", "c"));
   EXPECT_EQ(GetLoadedClientList(), "");
 }
 
@@ -59,7 +102,7 @@ TEST(ProcessRequest, ModuleAnswersAreWrappedWithTheRequestsOwnFields) {
     const std::string request = R"({"cmd":"native","id":"42","tabid":"tab","callback":"cb",)"
                                 R"("module":"rec","origin":"https://o.example"})";
     EXPECT_EQ(Process(request, &host),
-              Envelope("42", "tab", REPLY_TRUE, R"({"from":"a","call":1})", "cb"));
+              Envelope("42", "tab", "TRUE", R"({"from":"a","call":1})", "cb"));
     EXPECT_EQ(s.Log(), (Lines{"a\tInitialize", SetHostFuncsLine("a", &host),
                               LogLine({"a", "Invoke", "https://o.example", "42", request}),
                               "a\tFreeString\t{\"from\":\"a\",\"call\":1}"}));
@@ -67,7 +110,7 @@ TEST(ProcessRequest, ModuleAnswersAreWrappedWithTheRequestsOwnFields) {
     const std::string setcallback = R"({"cmd":"setcallback","id":"5","tabid":"tab-1",)"
                                     R"("callback":"onX","module":"rec","origin":"o"})";
     EXPECT_EQ(Process(setcallback),
-              Envelope("5", "tab-1", REPLY_TRUE, R"({"from":"a","setcallback":1})", "onX"));
+              Envelope("5", "tab-1", "TRUE", R"({"from":"a","setcallback":1})", "onX"));
     EXPECT_EQ(s.Log().at(4), LogLine({"a", "SetCallback", "o", "5", setcallback, "tab-1", "1"}));
 
     // Without a module name the request goes to "morrowhost".
@@ -75,7 +118,7 @@ TEST(ProcessRequest, ModuleAnswersAreWrappedWithTheRequestsOwnFields) {
     int call = 0;
     for (const std::string module : {"", R"(,"module":"")"}) {
       EXPECT_EQ(Process(R"({"cmd":"native","id":"1")" + module + "}"),
-                Envelope("1", "", REPLY_TRUE,
+                Envelope("1", "", "TRUE",
                          R"({"from":"b","call":)" + std::to_string(++call) + "}", ""))
           << module;
     }
@@ -91,11 +134,11 @@ TEST(ProcessRequest, StatusWordsOfOddAndRefusedModules) {
     s.install.AddModule("empty", FIXTURE_EMPTY_ANSWER_PATH);
     s.install.AddModule("nocb", FIXTURE_NO_SETCALLBACK_PATH);
     // setcallback is fine without an answer and with a module lacking the entry.
-    const std::tuple<const char*, const char*, int> cases[] = {
-        {"native", "null", REPLY_FALSE}, {"native", "empty", REPLY_TRUE},
-        {"setcallback", "null", REPLY_TRUE}, {"setcallback", "nocb", REPLY_TRUE},
-        {"native", "unsigned", REPLY_BLOCK_CLIENT}, {"native", "absent", REPLY_FALSE},
-        {"native", "failing", REPLY_FALSE}};
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"native", "null", "FALSE"}, {"native", "empty", "TRUE"},
+        {"setcallback", "null", "TRUE"}, {"setcallback", "nocb", "TRUE"},
+        {"native", "unsigned", "BLOCK:CLIENT"}, {"native", "absent", "FALSE"},
+        {"native", "failing", "FALSE"}};
     for (const auto& [cmd, module, status] : cases) {
       EXPECT_EQ(Process(std::string(R"({"cmd":")") + cmd +
                         R"(","id":"8","tabid":"t","callback":"c","module":")" + module + "\"}"),
@@ -103,10 +146,10 @@ TEST(ProcessRequest, StatusWordsOfOddAndRefusedModules) {
           << module;
     }
     EXPECT_EQ(Process(R"({"cmd":"native","id":"7","module":"nocb"})"),
-              Envelope("7", "", REPLY_TRUE, R"({"from":"nocb","call":1})", ""));
+              Envelope("7", "", "TRUE", R"({"from":"nocb","call":1})", ""));
     s.install.Tamper();  // refused before the module file is even opened
     EXPECT_EQ(Process(R"({"cmd":"native","id":"8","module":"absent"})"),
-              Envelope("8", "", REPLY_BLOCK_QX, "{}", ""));
+              Envelope("8", "", "BLOCK:QX", "{}", ""));
   }));
 }
 
@@ -121,7 +164,7 @@ TEST(ProcessRequest, BroadcastReachesExactlyTheLoadedModules) {
 
     const std::string native = R"({"cmd":"native","id":"5","tabid":"t","callback":"cb",)"
                                R"("module":"_all_","origin":"o"})";
-    EXPECT_EQ(Process(native), Envelope("5", "t", REPLY_TRUE, "{}", "cb"));
+    EXPECT_EQ(Process(native), Envelope("5", "t", "TRUE", "{}", "cb"));
     Lines log = s.Log();  // the order of a broadcast is not fixed
     ASSERT_EQ(log.size(), 8u);
     std::sort(log.begin() + 4, log.end());
@@ -133,7 +176,7 @@ TEST(ProcessRequest, BroadcastReachesExactlyTheLoadedModules) {
 
     // Without an id nothing is dispatched, yet the broadcast is answered.
     EXPECT_EQ(Process(R"({"cmd":"native","tabid":"t","module":"_all_"})"),
-              Envelope("", "t", REPLY_TRUE, "{}", ""));
+              Envelope("", "t", "TRUE", "{}", ""));
     EXPECT_EQ(s.Log().size(), 8u);
     EXPECT_EQ(GetInvoke("c"), nullptr);
   }));

@@ -15,7 +15,7 @@
 #include <string>
 
 #include "support/isolated_process.h"
-#include "support/module_sandbox.h"
+#include "support/signed_installation.h"
 #include "tessmar/config.h"
 #include "tessmar/modhost.h"
 #include "tessmar/signature.h"
@@ -99,30 +99,24 @@ TEST(UnusualFiles, ModuleLibraryThatIsAFifoFailsItsSignature) {
   }));
 }
 
-TEST(UnusualFiles, ConfigJsonThatIsAFifoReadsAsMissing) {
-  ModuleSandbox s;
-  s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
-  const std::string config = s.home.ConfigDir() + "/config.json";
-  ASSERT_EQ(std::remove(config.c_str()), 0);
-  ASSERT_EQ(mkfifo(config.c_str(), 0600), 0);
-  EXPECT_TRUE(Promptly([&] {
-    EXPECT_EQ(GetTessmarInstallPath(), "");
-    EXPECT_EQ(GetCurrentVersion(nullptr), "");
-    EXPECT_FALSE(CheckModuleSignature());
-    EXPECT_EQ(Request("rec"), Answer(REPLY_BLOCK_QX));
-  }));
-}
-
-TEST(UnusualFiles, InstallationFileThatIsAFifoFailsTheSignature) {
-  ModuleSandbox s;
-  s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
-  const std::string covered = s.install.install_dir() + "/TessmarChrome";
-  ASSERT_EQ(std::remove(covered.c_str()), 0);
-  ASSERT_EQ(mkfifo(covered.c_str(), 0600), 0);
-  EXPECT_TRUE(Promptly([&] {
-    EXPECT_FALSE(CheckModuleSignature());
-    EXPECT_EQ(Request("rec"), Answer(REPLY_BLOCK_QX));
-  }));
+// config.json, or a file the installation's signature covers, as a FIFO:
+// the installation is refused.
+TEST(UnusualFiles, ConfigOrInstallationFileThatIsAFifoFailsTheSignature) {
+  for (const bool config : {true, false}) {
+    ModuleSandbox s;
+    s.install.AddModule("rec", FIXTURE_RECORDING_A_PATH);
+    const std::string fifo = config ? s.home.ConfigDir() + "/config.json"
+                                    : s.install.install_dir() + "/TessmarChrome";
+    ASSERT_EQ(std::remove(fifo.c_str()), 0);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_TRUE(Promptly([&] {
+      // A FIFO for config.json reads as a missing file.
+      EXPECT_EQ(GetTessmarInstallPath(), config ? "" : s.install.install_dir());
+      EXPECT_EQ(GetCurrentVersion(nullptr), config ? "" : "2.5.0.1");
+      EXPECT_FALSE(CheckModuleSignature());
+      EXPECT_EQ(Request("rec"), Answer(REPLY_BLOCK_QX));
+    })) << fifo;
+  }
 }
 
 }  // namespace

@@ -1,10 +1,15 @@
 // Test support: a framework installation and client modules inside a
-// TempHome, signed at test time as the installer signs them.
+// TempHome, signed at test time as the installer signs them; and a sandbox
+// that adds the log the fixture modules append to (TESSMAR_FIXTURE_LOG, one
+// tab-separated line per call).
 #ifndef TESSMAR_TESTS_SUPPORT_SIGNED_INSTALLATION_H
 #define TESSMAR_TESTS_SUPPORT_SIGNED_INSTALLATION_H
 
 #include <cstdio>
+#include <cstdlib>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "support/temp_home.h"
 #include "tessmar/signature.h"
@@ -16,6 +21,13 @@ namespace tessmar::testing {
 inline bool ReplaceFile(const std::string& path, const std::string& data) {
   WriteFile(path + ".new", data);
   return std::rename((path + ".new").c_str(), path.c_str()) == 0;
+}
+
+// A module file's text; the values are copied unescaped.
+inline std::string ModuleJson(const std::string& name, const std::string& path,
+                              const std::string& sig, const std::string& version = "1.0.0.1") {
+  return "{\"Name\":\"" + name + "\",\"Path\":\"" + path + "\",\"Sig\":\"" + sig +
+         "\",\"Version\":\"" + version + "\"}";
 }
 
 class SignedInstallation {
@@ -46,8 +58,7 @@ class SignedInstallation {
 
   void WriteModuleFile(const std::string& name, const std::string& path,
                        const std::string& sig) const {
-    home_.WriteConfig(name + ".json", "{\"Name\":\"" + name + "\",\"Path\":\"" + path +
-                                          "\",\"Sig\":\"" + sig + "\",\"Version\":\"1.0.0.1\"}");
+    home_.WriteConfig(name + ".json", ModuleJson(name, path, sig));
   }
 
   // Registers `library` as module `name`, signed as it is now.
@@ -71,6 +82,36 @@ class SignedInstallation {
   const TempHome& home_;
   std::string install_dir_;
 };
+
+using Lines = std::vector<std::string>;
+
+// Create it before RunIsolated, so that the parent removes the directory.
+struct ModuleSandbox {
+  ModuleSandbox() { setenv("TESSMAR_FIXTURE_LOG", (home.path() + "/fixture.log").c_str(), 1); }
+  ~ModuleSandbox() { unsetenv("TESSMAR_FIXTURE_LOG"); }
+  Lines Log() const {
+    std::istringstream in(ReadFile(home.path() + "/fixture.log"));
+    Lines lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+
+  TempHome home;
+  SignedInstallation install{home};
+};
+
+inline std::string LogLine(const Lines& fields) {
+  std::string line;
+  for (const std::string& field : fields) line += field + "\t";
+  return line.substr(0, line.size() - 1);
+}
+
+// The recording fixture's SetHostFuncs line for host table `host`.
+inline std::string SetHostFuncsLine(const char* tag, const void* host) {
+  char pointer[32];
+  std::snprintf(pointer, sizeof pointer, "%p", host);
+  return LogLine({tag, "SetHostFuncs", "1", "48", "2", pointer});
+}
 
 }  // namespace tessmar::testing
 

@@ -3,8 +3,6 @@
 #ifndef TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
 #define TESSMAR_TESTS_SUPPORT_TEMP_HOME_H
 
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
