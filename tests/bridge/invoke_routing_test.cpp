@@ -50,6 +50,7 @@ TEST(LocalQueries, InitRequestsAreAnsweredFromTheConfigFiles) {
 }
 
 TEST(InvokeRouting, OtherRequestsGoToTheModuleHost) {
+  TempHome home;  // never the user's configuration
   for (const char* init : {R"("INIT":"get_version")", R"("init":5)"}) {
     const std::string request =
         std::string("{") + init + R"(,"cmd":"native","id":"1","echo":true})";
@@ -60,7 +61,6 @@ TEST(InvokeRouting, OtherRequestsGoToTheModuleHost) {
   for (const char* request : {static_cast<const char*>(nullptr), "{}", "not json"}) {
     EXPECT_EQ(InvokeText(request), std::nullopt) << (request ? request : "NULL");
   }
-  EXPECT_EQ(GetLoadedClientList(), "");
 }
 
 // Modules loaded in-process get the bridge's host table; a module name is
