@@ -107,13 +107,22 @@ def candidates(path):
 
 def generate(per_file):
     # Reasons given for equivalent mutants survive a regeneration as long as
-    # their line of code is unchanged.
+    # their line of code is unchanged. The same line may stand more than once
+    # in a file with different reasons: the n-th keeps the n-th's.
     reasons = {}
+    seen = {}
+
+    def key(file, code, column, original):
+        k = (file, code, column, original)
+        seen[k] = seen.get(k, 0) + 1
+        return k + (seen[k],)
+
     if LIST.exists():
         for m in load():
+            k = key(m["file"], m["code"], m["column"], m["original"])
             if m["equivalent"]:
-                reasons[(m["file"], m["code"], m["column"], m["original"])] = \
-                    m["equivalent"]
+                reasons[k] = m["equivalent"]
+    seen.clear()
     rows = []
     for path in source_files():
         found = list(candidates(path))
@@ -126,7 +135,7 @@ def generate(per_file):
                 found[:per_file]):
             rel = str(path.relative_to(ROOT))
             code = lines[number - 1].strip()
-            reason = reasons.get((rel, code, column, original), "")
+            reason = reasons.get(key(rel, code, column, original), "")
             rows.append("\t".join([rel, str(number), str(column), kind,
                                    original, mutated, reason, code]))
     header = ("# file\tline\tcolumn\tkind\toriginal\tmutated\t"
