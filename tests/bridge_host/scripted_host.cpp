@@ -29,8 +29,8 @@ int RunScriptedHost(int argc, char** argv) {
   const int callback = open(CallbackFifo().c_str(), O_WRONLY);
   const int input = open((record + "/input").c_str(),
                          O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
-  bool ok = request >= 0 && reply >= 0 && callback >= 0 && input >= 0;
   const int script = open(std::getenv(kScriptVariable), O_RDONLY);
+  bool ok = request >= 0 && reply >= 0 && callback >= 0 && input >= 0 && script >= 0;
   char step = 0;
   for (std::string arg, body; ok && read(script, &step, 1) == 1 &&
                               tools::ReadFrame(script, arg) == tools::FrameRead::kMessage;) {
