@@ -105,32 +105,25 @@ Bytes RunBulk(const AesVariant& v, int function, const aes_key_schedule* ks, con
   return result;
 }
 
-// Every bulk and block function against the portable code for every round
-// count it accepts, meaningless ones included (counts above 15 read as 15, so
-// nothing reads past the heap-allocated area), block counts around the batch
-// sizes, in place or not, and counters whose low 64 bits wrap inside a run.
-TEST_P(AesTest, BulkFunctionsMatchThePortableCodeForEveryRoundCount) {
+// Every bulk and block function against the portable code, in place or not,
+// over 25 blocks: a batch of the widest variant, one of the next, and a
+// single block. The schedule holds random words and the round count of a
+// cleared schedule (0) or one above any real count (read as 15, so nothing
+// reads past the heap-allocated area). Counter carries are checked in the
+// block-cipher test.
+TEST_P(AesTest, BulkFunctionsMatchThePortableCode) {
   std::mt19937 rng(0xb01c);
   auto ks = std::make_unique<aes_key_schedule>();
-  const Bytes counters[] = {
-      RandomBytes(rng, 16), FromHex("0102030405060708ffffffffffffffe0"),
-      FromHex("0102030405060708fffffffffffffff0"), FromHex("0102030405060708fffffffffffffffb"),
-      Bytes(16, 0xff)};
-  for (unsigned rounds : {0u, 1u, 2u, 9u, 10u, 11u, 12u, 13u, 14u, 15u, 16u, 0xffffu}) {
-    for (auto& w : ks->round_keys) w = static_cast<uint32_t>(rng());
-    ks->rounds = static_cast<uint16_t>(rounds);
-    for (size_t blocks : {0u, 1u, 7u, 8u, 9u, 16u, 17u, 33u, 40u}) {
-      const Bytes in = RandomBytes(rng, 16 * blocks);
-      for (int function = 0; function < 10; ++function) {
-        for (const Bytes& reg : counters) {
-          for (bool in_place : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "rounds " << rounds << " blocks " << blocks
-                                            << " function " << function << " in place "
-                                            << in_place << " register " << int{reg[15]});
-            ASSERT_EQ(RunBulk(Variant(), function, ks.get(), reg, in, in_place),
-                      RunBulk(Portable(), function, ks.get(), reg, in, in_place));
-          }
-        }
+  for (auto& w : ks->round_keys) w = static_cast<uint32_t>(rng());
+  const Bytes in = RandomBytes(rng, 25 * 16), reg = RandomBytes(rng, 16);
+  for (uint16_t rounds : {0, 0xffff}) {
+    ks->rounds = rounds;
+    for (int function = 0; function < 10; ++function) {
+      for (bool in_place : {false, true}) {
+        SCOPED_TRACE(testing::Message() << "rounds " << rounds << " function " << function
+                                        << " in place " << in_place);
+        EXPECT_EQ(RunBulk(Variant(), function, ks.get(), reg, in, in_place),
+                  RunBulk(Portable(), function, ks.get(), reg, in, in_place));
       }
     }
   }
