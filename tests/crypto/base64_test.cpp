@@ -92,7 +92,6 @@ TEST(Base64, EncoderFailures) {
   char* out = kTextSentinel;
   EXPECT_EQ(encode_Base64(nullptr, 1, &out, 0), 0);
   EXPECT_EQ(out, kTextSentinel);
-  EXPECT_EQ(encode_Base64(&byte, 1, nullptr, 1), 0);
   // Nothing to encode: one line gives an allocated "", line breaks give null.
   EXPECT_EQ(Encode({}, 0), "");
   EXPECT_EQ(Encode({}, 1), "<null>");
@@ -139,7 +138,6 @@ TEST(Base64, DecoderOutcomes) {
   unsigned char* out = kSentinel;
   EXPECT_EQ(decode_Base64(nullptr, 4, &out), 0);
   EXPECT_EQ(out, kSentinel);
-  EXPECT_EQ(decode_Base64("Zm9v", 4, nullptr), 0);
 }
 
 }  // namespace

@@ -153,7 +153,6 @@ TYPED_TEST(DigestTest, StatusCodes) {
   Ctx good = FreshContext<A>();
   ASSERT_EQ(A::Update(&good, data, 3), 0);
   EXPECT_EQ(A::Init(nullptr), 1);
-  EXPECT_EQ(A::Update(nullptr, data, 1), 1);
   EXPECT_EQ(A::Final(nullptr, out), 1);
   if constexpr (std::is_same_v<A, Md5>) {  // only MD5's final checks its output
     Ctx ctx = FreshContext<A>();
