@@ -4,6 +4,7 @@
 #include <string>
 
 #include "fuzz_input.h"
+#include "support/temp_home.h"
 #include "tessmar/config.h"
 #include "tessmar/signature.h"
 
@@ -12,12 +13,13 @@ std::string g_dir;
 }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  g_dir = tessmar::fuzz::MakeFuzzHome();
+  static const tessmar::testing::TempHome home;  // for the whole run
+  g_dir = home.ConfigDir();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  using tessmar::fuzz::WriteFile;
+  using tessmar::testing::WriteFile;
   const auto [config, module] = tessmar::fuzz::SplitAt(
       std::string(reinterpret_cast<const char*>(data), size), '\0');
   WriteFile(g_dir + "/config.json", config);

@@ -1,15 +1,11 @@
 // Small helpers shared by the fuzz targets: reading typed values off the
-// front of the input, and a private HOME with configuration files.
+// front of the input, and splitting it.
 #ifndef TESSMAR_FUZZ_FUZZ_INPUT_H
 #define TESSMAR_FUZZ_FUZZ_INPUT_H
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace tessmar::fuzz {
@@ -45,28 +41,6 @@ inline std::pair<std::string, std::string> SplitAt(const std::string& text,
   const std::size_t at = text.find(separator);
   if (at == std::string::npos) return {text, std::string()};
   return {text.substr(0, at), text.substr(at + 1)};
-}
-
-// A fresh directory under TMPDIR used as HOME for the whole run (removed at
-// a normal exit), with the user configuration directory made; returns that
-// directory.
-inline std::string MakeFuzzHome() {
-  static std::string home;
-  const char* tmp = std::getenv("TMPDIR");
-  home = std::string(tmp != nullptr ? tmp : "/tmp") + "/tessmar-fuzz-XXXXXX";
-  if (mkdtemp(&home[0]) == nullptr) std::abort();
-  std::atexit([] {
-    std::error_code ignored;
-    std::filesystem::remove_all(home, ignored);
-  });
-  setenv("HOME", home.c_str(), 1);
-  const std::string dir = home + "/.config/Pelmora/Tessmar/morrowhost";
-  std::filesystem::create_directories(dir);
-  return dir;
-}
-
-inline void WriteFile(const std::string& path, const std::string& data) {
-  if (!(std::ofstream(path, std::ios::binary) << data)) std::abort();
 }
 
 }  // namespace tessmar::fuzz

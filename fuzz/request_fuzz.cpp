@@ -6,57 +6,25 @@
 // loader can open runs code of its own.
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
-#include "fuzz_input.h"
+#include "support/signed_installation.h"
 #include "tessmar/bridge.h"
 #include "tessmar/config.h"
 #include "tessmar/modhost.h"
-#include "tessmar/signature.h"
-
-namespace {
-
-std::string Module(const std::string& name, const std::string& path,
-                   const std::string& sig, const std::string& version) {
-  return R"({"Name":")" + name + R"(","Path":")" + path + R"(",)" + sig +
-         R"("Version":")" + version + R"("})";
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  using tessmar::fuzz::WriteFile;
-  const std::string dir = tessmar::fuzz::MakeFuzzHome();
-  const std::string install = std::string(std::getenv("HOME")) + "/install";
-  std::filesystem::create_directory(install);
-
-  // The installation signature over the (absent) installed files; makeSig
-  // reads its header from the existing config.json.
-  const std::string config = R"({"Tessmar":")" + install +
-                             R"(","Version":"1.2.3.4","TessmarClient":)"
-                             R"("/nonexistent/client","Sig":")";
-  WriteFile(dir + "/config.json", config + "\"}");
-  std::string sig_path;
-  WriteFile(dir + "/config.json",
-            config + MakeBase64Encode(makeSig("morrowhost", "pelmora", "",
-                                              sig_path)) + "\"}");
-
-  const std::string fake = install + "/libfake.so";
-  WriteFile(fake, "not a shared library\n");
-  const std::string sig =
-      MakeBase64Encode(makeClientSig("morrowhost", "pelmora", fake));
-  WriteFile(dir + "/signed.json",
-            Module("signed", fake, R"("Sig":")" + sig + "\",", "2.0.0.1"));
-  WriteFile(dir + "/morrowhost.json", Module("morrowhost", "/nonexistent/m.so",
-                                             R"("Sig":"AAAA",)", "3.1.0.7"));
-  WriteFile(dir + "/echo.json",
-            Module("echo", "/nonexistent/e.so", "", "1.0.0.1"));
-  WriteFile(dir + "/broken.json", R"({"Name":"broken",)");
+  // Static: HOME stays for the whole run and is removed at exit.
+  static const tessmar::testing::TempHome home;
+  static const tessmar::testing::SignedInstallation install(home);
+  const std::string fake = home.WriteHomeFile("modules/libfake.so", "not a shared library\n");
+  install.AddModule("signed", fake);
+  install.WriteModuleFile("morrowhost", "/nonexistent/m.so", "AAAA");
+  home.WriteConfig("echo.json", R"({"Name":"echo","Path":"/nonexistent/e.so","Version":"1.0.0.1"})");
+  home.WriteConfig("broken.json", R"({"Name":"broken",)");
 
   // Without these the signed module would be refused before dlopen.
-  if (!CheckModuleSignature() ||
-      GetClientInstallPathModule("signed", true) != fake) {
+  if (!CheckModuleSignature() || GetClientInstallPathModule("signed", true) != fake) {
     std::fprintf(stderr, "request_fuzz: the signed set-up is not accepted\n");
     std::abort();
   }

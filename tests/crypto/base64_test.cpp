@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -53,15 +52,17 @@ std::string Decode(const std::string& text) {
   return bytes;
 }
 
+// Every symbol of the alphabet once, in order: exactly one line.
+const std::string kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+const std::string kAlphabetBytes(
+    "\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51"
+    "\x55\x97\x61\x96\x9b\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a"
+    "\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7\xe3\x9e\xbb\xf3\xdf\xbf", 48);
+
 TEST(Base64, Rfc4648Vectors) {
-  // The last one holds every symbol of the alphabet once, in order.
   const std::pair<std::string, std::string> vectors[] = {
       {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
-      {std::string("\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51"
-                   "\x55\x97\x61\x96\x9b\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a"
-                   "\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7\xe3\x9e\xbb\xf3\xdf\xbf", 48),
-       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"}};
+      {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {kAlphabetBytes, kAlphabet}};
   for (const auto& [plain, encoded] : vectors) {
     SCOPED_TRACE(encoded);
     EXPECT_EQ(Encode(Bytes(plain.begin(), plain.end()), 0), encoded);
@@ -69,29 +70,21 @@ TEST(Base64, Rfc4648Vectors) {
   }
 }
 
-// Every length round-trips with and without line breaks (LF or CRLF); any
-// flag other than 1 gives the single-line form.
-TEST(Base64, RoundTripsInOneLineAndInLines) {
-  std::mt19937 rng(20240611);
-  for (size_t n = 1; n <= 300; ++n) {
-    SCOPED_TRACE(n);
-    Bytes data(n);
-    for (auto& b : data) b = static_cast<unsigned char>(rng());
-    const std::string plain(data.begin(), data.end());
-    const std::string expected = Encode(data, 0);
-    EXPECT_EQ(expected.size(), 4 * ((n + 2) / 3));
-    for (int flag : {2, -1}) EXPECT_EQ(Encode(data, flag), expected);
-    EXPECT_EQ(Decode(expected), plain);
-    // Lines of exactly 64 characters, the last one 1..64, no LF at the end.
-    std::string lines, crlf;
-    for (size_t at = 0; at < expected.size(); at += 64) {
-      lines += (at ? "\n" : "") + expected.substr(at, 64);
-      crlf += (at ? "\r\n" : "") + expected.substr(at, 64);
-    }
-    EXPECT_EQ(Encode(data, 1), lines);
-    EXPECT_EQ(Decode(lines), plain);
-    EXPECT_EQ(Decode(crlf), plain);
+// Flag 1 breaks lines after every 64 symbols with a LF, never at the end; any
+// other flag gives one line. Lines end in LF or CR LF for the decoder. Other
+// lengths and texts are the Base64 fuzz target's.
+TEST(Base64, LineBreaks) {
+  const std::string two = kAlphabetBytes + kAlphabetBytes, a = kAlphabet;
+  const struct { std::string plain, one_line, lines; } cases[] = {
+      {two, a + a, a + "\n" + a}, {two + "f", a + a + "Zg==", a + "\n" + a + "\nZg=="}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.plain.size());
+    const Bytes data(c.plain.begin(), c.plain.end());
+    EXPECT_EQ(Encode(data, 1), c.lines);
+    for (int flag : {0, 2, -1}) EXPECT_EQ(Encode(data, flag), c.one_line);
+    EXPECT_EQ(Decode(c.lines), c.plain);
   }
+  EXPECT_EQ(Decode(a + "\r\n" + a + "\r\nZg=="), two + "f");
 }
 
 TEST(Base64, EncoderFailures) {
@@ -99,7 +92,6 @@ TEST(Base64, EncoderFailures) {
   char* out = kTextSentinel;
   EXPECT_EQ(encode_Base64(nullptr, 1, &out, 0), 0);
   EXPECT_EQ(out, kTextSentinel);
-  EXPECT_EQ(encode_Base64(&byte, 1, nullptr, 1), 0);
   // Nothing to encode: one line gives an allocated "", line breaks give null.
   EXPECT_EQ(Encode({}, 0), "");
   EXPECT_EQ(Encode({}, 1), "<null>");
@@ -120,20 +112,15 @@ TEST(Base64, EncoderFailures) {
 TEST(Base64, DecoderOutcomes) {
   const std::pair<std::string, std::string> cases[] = {
       // Line breaks anywhere between groups.
-      {"Zm9v\r\nYmFy", "foobar"}, {"\nZm9v\n\nYmFy\n", "foobar"}, {"\r\nZm\r\n9v\r\n", "foo"},
-      {"", ""}, {"\r\n\n", ""},
+      {"\nZm9v\n\nYmFy\n", "foobar"}, {"\r\nZm\r\n9v\r\n", "foo"}, {"\r\n\n", ""},
       // A pad not closing the text, or a lone CR: output left as it was.
-      {"Zg=v", "<untouched>"}, {"Z===", "<untouched>"}, {"====", "<untouched>"},
-      {"Zg==Zm9v", "<untouched>"}, {"Zg==\nZ", "<untouched>"}, {"Zm9v\rYmFy", "<untouched>"},
-      {"Zm9v\n\rYmFy", "<untouched>"}, {"Zm9v\r", "<untouched>"}, {"\r", "<untouched>"},
+      {"Zg=v", "<untouched>"}, {"Z===", "<untouched>"}, {"Zg==Zm9v", "<untouched>"},
+      {"Zm9v\rYmFy", "<untouched>"}, {"Zm9v\r", "<untouched>"},
       // Incomplete groups, including texts shorter than two characters.
-      {"=", "<null>"}, {"A", "<null>"}, {"Zm9", "<null>"}, {"Zg=", "<null>"},
-      {"Zm9vY", "<null>"}, {"Zm9v\nYm\r\n", "<null>"}, {"AAAAAAAAA==", "<null>"},
-      {"AAAAA==", "<null>"},
+      {"A", "<null>"}, {"Zg=", "<null>"}, {"AAAAAAAAA==", "<null>"},
       // Foreign characters count as 255, ORed in: they set the low two bits
       // of the previous symbol too, and bits above the group are dropped.
-      {"Zm9 ", "\x66\x6F\xFF"}, {"Zm-v", "\x66\x7F\xEF"}, {" m9v", "\xFE\x6F\x6F"},
-      {"Z -=", "\x6F\xFF"}};
+      {"Zm-v", "\x66\x7F\xEF"}, {" m9v", "\xFE\x6F\x6F"}, {"Z -=", "\x6F\xFF"}};
   for (const auto& [text, expected] : cases) {
     SCOPED_TRACE(text);
     EXPECT_EQ(Decode(text), expected);
@@ -151,7 +138,6 @@ TEST(Base64, DecoderOutcomes) {
   unsigned char* out = kSentinel;
   EXPECT_EQ(decode_Base64(nullptr, 4, &out), 0);
   EXPECT_EQ(out, kSentinel);
-  EXPECT_EQ(decode_Base64("Zm9v", 4, nullptr), 0);
 }
 
 }  // namespace
