@@ -9,8 +9,7 @@
 set -euo pipefail
 prefix=$1 source=$2 work=$3
 rm -rf "$work"
-expected="ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad
-ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=
+expected="ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=
 signature ok"
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
@@ -73,7 +72,6 @@ for mode in "" --host; do
     contains "$out" "\"reply\":{\"module\":\"echo\",\"event\":\"ping\",\"id\":\"$(($1 + 1))\"}" "$route $2 callback"
   done
   contains "$out" '"reply":{"module":"echo","registered":true,"callback":"cb"}' "$route setcallback"
-  [ "$(grep -c '"callback":"cb", "reply":' <<<"$out")" -eq 3 ] || fail "$route: three callbacks: $out"
 done
 
 echo "consumer test passed"

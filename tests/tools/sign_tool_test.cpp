@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -35,15 +33,16 @@ ProgramResult RunTool(const Args& args, const std::string& cwd = ".") {
 
 // Runs the tool and checks its exit status and, if given, the reason: a
 // failure is reported as exactly one line naming the tool.
-void ExpectExit(const Args& args, int status, const std::string& words = "",
-                const std::string& cwd = ".") {
+ProgramResult ExpectExit(const Args& args, int status, const std::string& words = "",
+                         const std::string& cwd = ".") {
   SCOPED_TRACE(::testing::PrintToString(args));
   const ProgramResult result = RunTool(args, cwd);
   EXPECT_EQ(result.exit_code, status) << result.err;
-  if (words.empty()) return;
+  if (words.empty()) return result;
   EXPECT_EQ(result.err.rfind("tessmar-sign: ", 0), 0u) << result.err;
   EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
   EXPECT_NE(result.err.find(words), std::string::npos) << result.err;
+  return result;
 }
 
 class SignToolTest : public ::testing::Test {
@@ -199,52 +198,28 @@ TEST_F(SignToolTest, BadFilesFailWithTheirReasonAndAreLeftAlone) {
 }
 
 // verify-module makes the loader's checks in the loader's order and names
-// the first that fails, with the status word pages get.
-TEST(SignToolVerifyModuleTest, NamesTheLoadersFirstRefusal) {
-  struct Case {
-    const char* what;
-    std::function<void(const SignedInstallation&, TempHome&)> arrange;
-    int status;
-    std::vector<std::string> words;
+// the first that fails, ending with the status word pages get.
+TEST_F(SignToolTest, VerifyModuleNamesTheLoadersFirstRefusal) {
+  const SignedInstallation install(home_);
+  const auto refused = [](int status, const std::string& words, const std::string& answer) {
+    const std::string err = ExpectExit({"verify-module", "demo"}, status, words).err;
+    EXPECT_NE(err.find("; pages get " + answer + "\n"), std::string::npos) << err;
   };
-  const Case cases[] = {
-      {"a working module", [](auto& install, auto&) {
-         install.AddModule("demo", FIXTURE_RECORDING_A_PATH); }, 0, {"loads and initializes"}},
-      {"no module file", [](auto&, auto&) {}, 2, {"no demo.json in ", "pages get FALSE"}},
-      {"a changed module", [](auto& install, auto&) {
-         Tamper(install.AddModuleCopy("demo", FIXTURE_RECORDING_A_PATH)); },
-       1, {"signature does not match", "pages get BLOCK:CLIENT"}},
-      // The client signature is checked before the installation's.
-      {"a changed installation", [](auto& install, auto&) {
-         install.AddModule("demo", FIXTURE_RECORDING_A_PATH);
-         install.Tamper(); },
-       1, {"installation signature", "does not match", "pages get BLOCK:QX"}},
-      {"not a library", [](auto& install, auto& home) {
-         install.AddModule("demo", home.WriteHomeFile("libdemo.so", "#!/bin/sh\n")); },
-       1, {"libdemo.so: cannot be loaded: ", "pages get FALSE"}},
-      {"no Initialize", [](auto& install, auto&) {
-         install.AddModule("demo", FIXTURE_NO_INITIALIZE_PATH); },
-       1, {"exports no Initialize", "pages get FALSE"}},
-      {"Initialize fails", [](auto& install, auto&) {
-         install.AddModule("demo", FIXTURE_FAILING_INITIALIZE_PATH); },
-       1, {"Initialize returned 3", "pages get FALSE"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    TempHome home;
-    const SignedInstallation install(home);
-    c.arrange(install, home);
-    const ProgramResult result = RunTool({"verify-module", "demo"});
-    const std::string output = result.out + result.err;
-    EXPECT_EQ(result.exit_code, c.status) << output;
-    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
-    if (c.status != 0) {
-      EXPECT_EQ(output.rfind("tessmar-sign: module 'demo': ", 0), 0u) << output;
-    }
-    for (const std::string& words : c.words) {
-      EXPECT_NE(output.find(words), std::string::npos) << words << " in " << output;
-    }
-  }
+  refused(2, "module 'demo': no demo.json in ", "FALSE");
+  const std::string copy = install.AddModuleCopy("demo", FIXTURE_RECORDING_A_PATH);
+  const ProgramResult working = ExpectExit({"verify-module", "demo"}, 0);
+  EXPECT_NE(working.out.find("; loads and initializes\n"), std::string::npos) << working.out;
+  Tamper(copy);
+  refused(1, "module 'demo': signature does not match " + copy, "BLOCK:CLIENT");
+  install.AddModule("demo", home_.WriteHomeFile("libdemo.so", "#!/bin/sh\n"));
+  refused(1, "libdemo.so: cannot be loaded: ", "FALSE");
+  install.AddModule("demo", FIXTURE_NO_INITIALIZE_PATH);
+  refused(1, "exports no Initialize", "FALSE");
+  install.AddModule("demo", FIXTURE_FAILING_INITIALIZE_PATH);
+  refused(1, "Initialize returned 3", "FALSE");
+  // The installation is checked once the module's signature holds.
+  install.Tamper();
+  refused(1, "module 'demo': installation signature in \"Sig\" of ", "BLOCK:QX");
 }
 
 }  // namespace
