@@ -264,15 +264,12 @@ TEST_F(NmHostTest, SleepsWhileIdleAndWakesForCallbacks) {
 
 TEST(NmHostCommandTest, InstallsAndRemovesManifestsForTheBrowsers) {
   TempHome home;
+  // What the manifests say is proven by the browser tests, which start the
+  // adapter through them; here, where they go and what removes them.
   const ProgramResult result = RunProgram({kNmHost, "--install-manifests", "firefox"});
   const std::string firefox = home.path() + "/.mozilla/native-messaging-hosts/" + kManifest;
   EXPECT_EQ(firefox + "\n", result.out) << result.err;
   const std::string manifest = ReadFile(firefox);
-  EXPECT_EQ("zz.qx.pelmora.morrowhost", Text(manifest, "name"));
-  EXPECT_EQ(kNmHost, Text(manifest, "path"));
-  EXPECT_EQ("stdio", Text(manifest, "type"));
-  EXPECT_NE(std::string::npos,
-            manifest.find(R"("allowed_extensions": ["morrowhost@tessmar.example"])"));
 
   // An id of 'a' to 'p' is taken. Uninstalling removes what installing
   // wrote; with nothing left to remove it succeeds quietly, and the other
