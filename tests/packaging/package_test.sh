@@ -29,8 +29,8 @@ check "dpkg -i: $install_out" test $? -eq 0
 check "a quiet install: $install_out" test -z "$(grep -i -e warning -e tessmar-sign <<<"$install_out")"
 files=$(dpkg -L tessmar)
 install_dir=$(dirname "$(grep '/libTessmarFirefox.so$' <<<"$files")")
-system_config="/usr/share/Pelmora/Tessmar/morrowhost/config.json"
-check "config.json names the installation" contains "$(cat "$system_config" 2>&1)" "\"Tessmar\": \"$install_dir\""
+# Signed where the system config.json says (tessmar-drive below finds the
+# library there too).
 check "the installation is signed" tessmar-sign --system verify-install
 
 # Each browser manifest names an executable the package installed.
