@@ -29,8 +29,7 @@ check "dpkg -i: $install_out" test $? -eq 0
 check "a quiet install: $install_out" test -z "$(grep -i -e warning -e tessmar-sign <<<"$install_out")"
 files=$(dpkg -L tessmar)
 install_dir=$(dirname "$(grep '/libTessmarFirefox.so$' <<<"$files")")
-# Signed where the system config.json says (tessmar-drive below finds the
-# library there too).
+# Where the system config.json says; tessmar-drive below finds the library there.
 check "the installation is signed" tessmar-sign --system verify-install
 
 # Each browser manifest names an executable the package installed.
