@@ -9,7 +9,6 @@
 #include <tuple>
 #include <vector>
 
-#include "config/config_location.h"
 #include "support/run_program.h"
 #include "support/signed_installation.h"
 #include "tessmar/config.h"
