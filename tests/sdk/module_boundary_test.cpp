@@ -42,13 +42,10 @@ TEST(SdkReplyTest, RequestMembersFirstMatchAndDefaults) {
       nullptr, "9",
       R"({"callback":"cb","tabid":"t1","n":5,"callback":"second","s":"x\u0000y"})");
   EXPECT_EQ(request.origin(), "");
-  EXPECT_EQ(request.id(), "9");
   EXPECT_EQ(request.callback(), "cb");
   EXPECT_EQ(request.tabid(), "t1");
   EXPECT_EQ(request.string("n"), "");  // not a string
   EXPECT_EQ(request.string("s"), std::string_view("x\0y", 3));
-  ASSERT_NE(request.member("n"), nullptr);
-  EXPECT_EQ(request.member("n")->u.integer, 5);
   EXPECT_EQ(request.member("absent"), nullptr);
   // The host's tab argument wins over the member.
   EXPECT_EQ(tessmar::Request("o", "1", R"({"tabid":"m"})", "host").tabid(), "host");
