@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "bridge/bridge_state.h"
-#include "tessmar/host_protocol.h"
 #include "support/bridge_calls.h"
 
 namespace {
@@ -21,7 +20,6 @@ std::string Reply(unsigned p, int seq) {
 }
 
 TEST(CallbackQueueStress, ConcurrentProducersLoseNothingAndKeepTheirOrder) {
-  tessmar::testing::DrainQueue();
   constexpr int kProducers = 8;
   constexpr int kMessages = 2000;
   std::vector<std::thread> producers;

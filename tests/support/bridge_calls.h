@@ -45,13 +45,6 @@ inline std::vector<std::string> PopMessages(std::size_t count, std::chrono::mill
   return messages;
 }
 
-// Pops until the queue is empty; returns how many messages it popped.
-inline std::size_t DrainQueue() {
-  std::size_t drained = 0;
-  for (std::string t = PopText(); !t.empty() && t != "<NULL>"; t = PopText()) ++drained;
-  return drained;
-}
-
 }  // namespace tessmar::testing
 
 #endif  // TESSMAR_TESTS_SUPPORT_BRIDGE_CALLS_H
