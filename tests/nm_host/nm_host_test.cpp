@@ -154,7 +154,7 @@ TEST_F(NmHostTest, RunsWithAStandardStreamClosed) {
 
 // Through the reference host, which is stopped at the end.
 TEST_F(NmHostTest, ServesThroughTheHost) {
-  LinkHost(install.install_dir(), TESSMAR_TEST_REFERENCE_HOST);
+  ASSERT_EQ(0, symlink(TESSMAR_TEST_REFERENCE_HOST, (install.install_dir() + "/TessmarFirefox").c_str()));
   Adapter adapter({kNmHost, "--library", kLibrary, "--host"});
   EXPECT_EQ(R"({"mode":"host"})", adapter.mode);
   const Session session =
@@ -194,7 +194,6 @@ TEST_F(NmHostTest, SleepsWhileIdleAndKeepsWithinTheProtocolsLimits) {
     return request + "]}";
   };
   const std::string largest = Request(1, arrays(nm::kMaxIncoming - 64));
-  ASSERT_LE(largest.size() - 4, nm::kMaxIncoming);
   std::string input = Request(1, ModuleRequest("1", R"(,"sleepMs":200)")) +
                       Request(2, arrays(63 * kMiB));
   for (int i = 0; i < 8; ++i) input += largest;
