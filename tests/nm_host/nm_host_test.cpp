@@ -21,7 +21,6 @@ namespace {
 constexpr char kNmHost[] = TESSMAR_NM_HOST;
 constexpr char kLibrary[] = TESSMAR_TEST_LIBRARY;
 constexpr char kManifest[] = "zz.qx.pelmora.morrowhost.json";
-constexpr char kInProcess[] = R"({"mode":"in-process"})";
 constexpr std::size_t kMiB = 1024 * 1024;
 
 std::string Quoted(const std::string& text) {
@@ -110,7 +109,7 @@ TEST_F(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
   const std::string odd = "not json: \"q\" \\ \t\x01\x1f caf\xc3\xa9 \xf0\x9f\x99\x82 ";
   const std::string broken = "\xff\xe2\x82(", repaired = "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd(";
   Adapter adapter({kNmHost, "/x/zz.qx.pelmora.morrowhost.json", "morrowhost@tessmar.example"});
-  EXPECT_EQ(kInProcess, adapter.mode);
+  EXPECT_EQ(R"({"mode":"in-process"})", adapter.mode);
   const Session session = Finish(
       adapter,
       Request(1, "not json") + Request(2, R"({"init":"x"})") +
@@ -138,36 +137,31 @@ TEST_F(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
             Text(session.messages[8], "reply").find(R"("reply":{"module":"echo","registered":false})"));
 }
 
-// A browser may start the adapter with a standard stream closed: it is
-// opened on /dev/null, so that a module's output goes nowhere and no file
-// opened later takes the stream's place.
-TEST_F(NmHostTest, RunsWithAStandardStreamClosed) {
-  const auto run = [](const std::string& closing) {
-    return RunProgram({"/bin/sh", "-c", "exec \"$0\" --library \"$1\" " + closing, kNmHost, kLibrary},
-                      Request(1, ModuleRequest("3", R"(,"print":true)")));
+// Through the reference host, which is stopped at the end. A browser may
+// start the adapter with a standard stream closed: it is opened on /dev/null,
+// so that a module's output goes nowhere and no file opened later (a FIFO to
+// the host) takes the stream's place.
+TEST_F(NmHostTest, ServesThroughTheHostWithAStandardStreamClosed) {
+  ASSERT_EQ(0, symlink(TESSMAR_TEST_REFERENCE_HOST, (install.install_dir() + "/TessmarFirefox").c_str()));
+  const auto run = [](const std::string& options) {
+    return RunProgram({"/bin/sh", "-c", "exec \"$0\" --library \"$1\" " + options, kNmHost, kLibrary},
+                      Request(1, ModuleRequest("1", R"(,"say":"{\"via\":\"host\"}")")) +
+                          Request(2, ModuleRequest("2", R"(,"print":true)")) +
+                          // An empty request would be the host's stop message.
+                          Request(3, ""));
   };
-  EXPECT_EQ(Frame(kInProcess) + Frame(R"({"seq":1,"reply":)" + Quoted(Envelope("3", "{}")) + "}"),
-            run("2>&-").out);
+  const auto reply = [](int seq, const std::string& envelope) {
+    return Frame("{\"seq\":" + std::to_string(seq) + ",\"reply\":" + Quoted(envelope) + "}");
+  };
+  const ProgramResult result = run("--host 2>&-");
+  EXPECT_EQ(0, result.exit_code);
+  EXPECT_EQ(Frame(R"({"mode":"host"})") + reply(1, Envelope("1", R"({"via":"host"})")) +
+                reply(2, Envelope("2", "{}")) +
+                Frame(R"({"seq":3,"error":"an empty request is not sent to the host"})"),
+            result.out);
+  EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_End removed the FIFOs";
   // Without a standard output it answers into /dev/null and ends as usual.
   EXPECT_EQ(0, run(">&-").exit_code);
-}
-
-// Through the reference host, which is stopped at the end.
-TEST_F(NmHostTest, ServesThroughTheHost) {
-  ASSERT_EQ(0, symlink(TESSMAR_TEST_REFERENCE_HOST, (install.install_dir() + "/TessmarFirefox").c_str()));
-  Adapter adapter({kNmHost, "--library", kLibrary, "--host"});
-  EXPECT_EQ(R"({"mode":"host"})", adapter.mode);
-  const Session session =
-      Finish(adapter, Request(1, ModuleRequest("1", R"(,"say":"{\"via\":\"host\"}")")) +
-                          // An empty request would be the host's stop message.
-                          Request(2, ""));
-  EXPECT_EQ(0, session.exit_code);
-  EXPECT_EQ("", session.err);
-  ASSERT_EQ(2u, session.messages.size());
-  EXPECT_EQ(Envelope("1", R"({"via":"host"})"), Text(session.messages[0], "reply"));
-  EXPECT_EQ(R"({"seq":2,"error":"an empty request is not sent to the host"})",
-            session.messages[1]);
-  EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_End removed the FIFOs";
 }
 
 // The adapter sleeps in poll() while nothing happens, and a callback queued
