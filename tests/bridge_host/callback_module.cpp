@@ -1,7 +1,6 @@
 // A client module whose answers the request chooses: "say": TEXT answers TEXT
-// as it stands; "badUtf8" answers bytes that are not UTF-8; "bytes": N answers
-// a JSON string of N letters; "callbackBytes": N sends a callback of N letters,
-// then a small one; "print" writes to standard output; "sleepMs": N answers
+// as it stands; "callbackBytes": N sends a callback of N letters, then a small
+// one; "print" writes to standard output; "sleepMs": N answers
 // after N ms; "crash" aborts the process; anything else sends 101 callbacks
 // from four threads. A "setcallback" request is answered {} and,
 // "delayMs" later, called back once from a thread of its own. Terminate joins
@@ -31,10 +30,6 @@ const json_value* Member(const json_value* root, const char* name) {
   return nullptr;
 }
 
-std::string Letters(const json_value* n) {
-  return "\"" + std::string(static_cast<std::size_t>(n->u.integer), 'x') + "\"";
-}
-
 // The sum of what SendCallback returned, 0 by its contract.
 int SendFromFourThreads() {
   int results = g_host->SendCallback("t1", nullptr, nullptr, "{\"dropped\":1}");
@@ -58,13 +53,10 @@ char* Invoke(const char*, const char*, const char* request) {
   std::string answer = "{}";
   if (const json_value* say = Member(root, "say"); say && say->type == json_string) {
     answer.assign(say->u.string.ptr, say->u.string.length);
-  } else if (Member(root, "badUtf8") != nullptr) {
-    answer = "\"a\xff" "b\xc3(c\"";
-  } else if (const json_value* n = Member(root, "bytes"); n && n->type == json_integer) {
-    answer = Letters(n);
   } else if (const json_value* c = Member(root, "callbackBytes");
              c && c->type == json_integer) {
-    g_host->SendCallback("t1", nullptr, "big", Letters(c).c_str());
+    const std::string letters = "\"" + std::string(static_cast<std::size_t>(c->u.integer), 'x') + "\"";
+    g_host->SendCallback("t1", nullptr, "big", letters.c_str());
     g_host->SendCallback("t1", nullptr, "after", "{}");
   } else if (Member(root, "print") != nullptr) {
     std::printf("a module writing to standard output\n");

@@ -32,14 +32,6 @@ inline std::string ReplyFifo() { return Fifo(bridge::kReplyFifoName); }
 inline std::string RequestFifo() { return Fifo(bridge::kRequestFifoName); }
 inline std::string CallbackFifo() { return Fifo(bridge::kCallbackFifoName); }
 
-// Links INSTALL_DIR/TessmarFirefox to `host`; returns the link's path.
-inline std::string LinkHost(const std::string& install_dir, const std::string& host) {
-  MakeDirectories(install_dir);
-  const std::string path = install_dir + "/" + bridge::kHostExecutableName;
-  EXPECT_EQ(0, symlink(host.c_str(), path.c_str())) << path;
-  return path;
-}
-
 // "p600", "d755"... for what is at `path` (links not followed), or "absent".
 inline std::string Node(const std::string& path) {
   struct stat info;

@@ -24,11 +24,20 @@ std::string SendCallbacks(std::size_t n) {
 // version query, one only \u escapes show to be one, one with no answer, and
 // modules' answers and callbacks), byte for byte; bodies that cannot fit the
 // pipe whole (the library reads each with one read call) are left out while
-// the host goes on serving.
+// the host goes on serving. It runs as installed into a staging prefix and
+// moved to a bin/ directory beside the library directory, where it still
+// finds the library.
 TEST(ReferenceHostTest, AnswersAndCallsBackAsTheInProcessPathDoes) {
   TempHome home;
   const SignedInstallation install(home);
-  LinkHost(install.install_dir(), kReferenceHost);
+  const std::string staged = TESSMAR_TEST_STAGING "/" TESSMAR_TEST_INSTALL_DIR;
+  const std::string host =
+      home.WriteHomeFile("opt/bin/TessmarFirefox", ReadFile(staged + "/TessmarFirefox"));
+  ASSERT_EQ(0, chmod(host.c_str(), 0755));
+  home.WriteHomeFile("opt/" TESSMAR_TEST_LIBDIR "/libTessmarFirefox.so",
+                     ReadFile(staged + "/libTessmarFirefox.so"));
+  // The library follows the link to start it, the loader to find the library.
+  ASSERT_EQ(0, symlink(host.c_str(), (install.install_dir() + "/TessmarFirefox").c_str()));
   install.AddModule("cbmod", TESSMAR_TEST_CALLBACK_MODULE);
   install.AddModule("echo", TESSMAR_TEST_ECHO_MODULE);
   const std::vector<std::string> requests = {
@@ -91,46 +100,15 @@ TEST(ReferenceHostTest, AnswersAndCallsBackAsTheInProcessPathDoes) {
       << "the host unloads its modules on the stop message";
 }
 
-// The host as installed into a staging prefix, moved to a bin/ directory next
-// to the library directory, still finds the library.
-TEST(ReferenceHostTest, StartsFromABinDirectoryBesideTheLibraries) {
-  TempHome home;
-  const std::string installed = TESSMAR_TEST_STAGING "/" TESSMAR_TEST_INSTALL_DIR;
-  const std::string prefix = home.path() + "/prefix";
-  MakeDirectories(prefix + "/bin");
-  MakeDirectories(prefix + "/" TESSMAR_TEST_LIBDIR);
-  WriteFile(prefix + "/bin/TessmarFirefox", ReadFile(installed + "/TessmarFirefox"));
-  ASSERT_EQ(0, chmod((prefix + "/bin/TessmarFirefox").c_str(), 0755));
-  WriteFile(prefix + "/" TESSMAR_TEST_LIBDIR "/libTessmarFirefox.so",
-            ReadFile(installed + "/libTessmarFirefox.so"));
-  home.WriteConfig("config.json",
-                   "{\"Tessmar\":\"" + prefix + "/bin\",\"Version\":\"1.2.3.4\"}");
-  EXPECT_TRUE(RunIsolated([&] {
-    ASSERT_EQ(0, tsmx_Startup());
-    EXPECT_EQ(R"({"reload":false, "qx":"1.2.3.4","m":[]})",
-              InvokeText(R"({"init":"get_versions"})"));
-    tsmx_End();
-  }, kDeadlineSeconds));
-}
-
 constexpr char kEcho[] =
     R"({"cmd":"native","id":"1","tabid":"t","callback":"c","echo":true})";
 
-// Line by line, blank lines skipped; "" prints as an empty line, no reply as
-// <null>. (Host mode is run by the packaging consumer test.)
-TEST(DriverTest, AnswersInProcessFromStandardInput) {
-  TempHome home;
-  const ProgramResult result =
-      RunProgram({kDriver}, std::string(kEcho) + "\n\n{\"init\":\"unknown\"}\nnot json\n");
-  EXPECT_EQ(0, result.exit_code) << result.err;
-  EXPECT_EQ(process_request(nullptr, kEcho, sizeof kEcho - 1, nullptr) + "\n\n<null>\n",
-            result.out);
-}
-
-// Both programs' documented exit codes. The driver refuses host mode before
-// tsmx_Startup when config.json's installation has no host, and a host whose
-// exec fails leaves no second driver behind.
-TEST(ProgramsTest, ReportFailuresWithTheirExitCodes) {
+// Both programs' documented exit codes and outputs. The driver answers
+// line by line, blank lines skipped; "" prints as an empty line, no reply as
+// <null> (host mode is run by the packaging consumer test). It refuses host
+// mode before tsmx_Startup when config.json's installation has no host, and
+// a host whose exec fails leaves no second driver behind.
+TEST(ProgramsTest, AnswerAndReportFailuresWithTheirExitCodes) {
   TempHome home;
   const std::string none = home.path() + "/none.so";
   chmod(home.WriteHomeFile("broken/TessmarFirefox", "#!/nonexistent/shell\n").c_str(), 0755);
@@ -139,8 +117,14 @@ TEST(ProgramsTest, ReportFailuresWithTheirExitCodes) {
   const struct {
     std::vector<std::string> argv;
     int exit_code;
-    std::string error, installation;
+    std::string error, installation, input = {}, out = {};
   } cases[] = {
+      {{kDriver}, 0, "", "", std::string(kEcho) + "\n\n{\"init\":\"unknown\"}\nnot json\n",
+       R"({"response": {"id": "1", "tabid":"t", "status":"TRUE", "reply":{"reply":{"status":"0", )"
+       R"("reply":{"cmd":"native","id":"1","tabid":"t","callback":"c","echo":true}}}, )"
+       R"("callback": "c"}})" "\n\n<null>\n"},
+      {{kReferenceHost, "--version"}, 0, "", "", "", "TessmarFirefox " TESSMAR_TEST_VERSION "\n"},
+      {{kDriver, "--version", kEcho}, 0, "", "", "", "tessmar-drive " TESSMAR_TEST_VERSION "\n"},
       {{"env", "-u", "HOME", kReferenceHost}, 1, "HOME is not set", ""},
       {{kReferenceHost}, 2, "cannot open", ""},
       {{"env", "HOME=" + home.path() + "/plain", kReferenceHost}, 2, "is not a FIFO", ""},
@@ -157,15 +141,12 @@ TEST(ProgramsTest, ReportFailuresWithTheirExitCodes) {
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.argv) + " " + c.installation);
     home.WriteConfig("config.json", "{\"Tessmar\":\"" + home.path() + "/" + c.installation + "\"}");
-    const ProgramResult result = RunProgram(c.argv);
+    const ProgramResult result = RunProgram(c.argv, c.input);
     EXPECT_EQ(c.exit_code, result.exit_code) << result.err;
     EXPECT_NE(std::string::npos, result.err.find(c.error));
-    EXPECT_EQ("", result.out);
+    EXPECT_EQ(c.out, result.out);
     EXPECT_EQ("absent", Node(RequestFifo()));
   }
-  EXPECT_EQ("TessmarFirefox " TESSMAR_TEST_VERSION "\n", RunProgram({kReferenceHost, "--version"}).out);
-  EXPECT_EQ("tessmar-drive " TESSMAR_TEST_VERSION "\n",
-            RunProgram({kDriver, "--version", kEcho}).out);
 }
 
 }  // namespace

@@ -14,15 +14,12 @@
 namespace tessmar::testing {
 
 // tsmx_Invoke's answer; nullopt for NULL.
-inline std::optional<std::string> InvokeText(const char* request) {
-  char* answer = tsmx_Invoke(request);
+inline std::optional<std::string> InvokeText(const std::string& request) {
+  char* answer = tsmx_Invoke(request.c_str());
   if (answer == nullptr) return std::nullopt;
   const std::string text(answer);
   tsmx_Free(answer);
   return text;
-}
-inline std::optional<std::string> InvokeText(const std::string& request) {
-  return InvokeText(request.c_str());
 }
 
 // One tsmx_Pop; "" when nothing is queued, "<NULL>" (never expected) for NULL.

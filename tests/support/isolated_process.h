@@ -24,15 +24,6 @@
 
 namespace tessmar::testing {
 
-// Limits the address space to what is mapped now plus `headroom` bytes.
-inline void LimitAddressSpace(std::size_t headroom) {
-  std::size_t pages = 0;
-  std::ifstream("/proc/self/statm") >> pages;
-  const rlim_t limit = pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + headroom;
-  const rlimit bounds{limit, limit};
-  setrlimit(RLIMIT_AS, &bounds);
-}
-
 template <typename Scenario>
 ::testing::AssertionResult RunIsolated(Scenario scenario, int timeout_seconds = 30,
                                        std::size_t memory_headroom = 0) {
@@ -41,7 +32,13 @@ template <typename Scenario>
   if (pid < 0) return ::testing::AssertionFailure() << "fork: errno " << errno;
   if (pid == 0) {
     alarm(static_cast<unsigned>(timeout_seconds));
-    if (memory_headroom != 0) LimitAddressSpace(memory_headroom);
+    if (memory_headroom != 0) {
+      std::size_t pages = 0;  // mapped now
+      std::ifstream("/proc/self/statm") >> pages;
+      const rlim_t limit = pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + memory_headroom;
+      const rlimit bounds{limit, limit};
+      setrlimit(RLIMIT_AS, &bounds);
+    }
     scenario();
     std::fflush(nullptr);
     _exit(::testing::Test::HasFailure() ? 1 : 0);

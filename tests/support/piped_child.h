@@ -96,18 +96,13 @@ class PipedChild {
     return total;
   }
 
-  // Waits for its exit (after CloseInput).
-  struct Exit {
-    int status;     // as waitpid gives it
-    long peak_kib;  // its peak resident size
-  };
-  Exit Wait() {
-    Exit exit{-1, 0};
-    rusage usage{};
-    wait4(pid_, &exit.status, 0, &usage);
+  // Waits for its exit (after CloseInput): its status as waitpid gives it,
+  // and in `usage` what it used.
+  int Wait(rusage& usage) {
+    int status = -1;
+    wait4(pid_, &status, 0, &usage);
     pid_ = -1;
-    exit.peak_kib = usage.ru_maxrss;
-    return exit;
+    return status;
   }
 
  private:
