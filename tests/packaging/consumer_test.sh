@@ -60,7 +60,8 @@ for mode in "" --host; do
   # ID MODULE LENGTH: the echo modules' answers name the request's length.
   for case in "3 echo 100" "5 echo_c 102"; do
     set -- $case
-    contains "$out" '"reply":{"module":"echo","origin":"https://a.example","id":"'"$1"'","length":'"$3}" "$route $2"
+    contains "$out" '"reply":{"module":"echo","origin":"https://a.example","id":"'"$1"'","length":'"$3}" \
+      "$route $2"
     contains "$out" "\"reply\":{\"module\":\"echo\",\"event\":\"ping\",\"id\":\"$(($1 + 1))\"}" "$route $2 callback"
   done
   contains "$out" '"reply":{"module":"echo","registered":true,"callback":"cb"}' "$route setcallback"
