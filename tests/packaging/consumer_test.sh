@@ -49,12 +49,6 @@ c++ -std=c++17 -o "$work/pkg-consumer" "$source/tests/packaging/consumer/consume
 # C++ and C answer byte for byte alike.
 native() { printf '{"cmd":"native","id":"%s","tabid":"t","module":"%s","origin":"https://a.example","pad":"q\\"\\u0001"}' "$1" "$2"; }
 setcallback() { printf '{"cmd":"setcallback","id":"%s","tabid":"t","callback":"cb","module":"%s"}' "$1" "$2"; }
-echo_reply() {  # ID MODULE: the envelope of an echo module's answer to native ID MODULE
-  local request length
-  request=$(native "$1" "$2")
-  length=$(printf '%s' "$request" | wc -c)
-  printf '"reply":{"module":"echo","origin":"https://a.example","id":"%s","length":%s}' "$1" "$length"
-}
 contains() { grep -qF -- "$2" <<<"$1" || fail "$3: no '$2' in: $1"; }
 for mode in "" --host; do
   route="tessmar-drive ${mode:-in-process}"
@@ -63,9 +57,11 @@ for mode in "" --host; do
   contains "$out" '"status":"TRUE", "reply":{"now":' "$route clock"
   contains "$out" '"reply":{"registered":true}' "$route clock setcallback"
   contains "$out" '"callback":"cb", "reply":{"now":' "$route clock callback"
-  for pair in "3 echo" "5 echo_c"; do
-    set -- $pair
-    contains "$out" "$(echo_reply "$1" "$2")" "$route $2"
+  # ID MODULE LENGTH: the echo modules' answers name the request's length.
+  for case in "3 echo 100" "5 echo_c 102"; do
+    set -- $case
+    contains "$out" '"reply":{"module":"echo","origin":"https://a.example","id":"'"$1"'","length":'"$3}" \
+      "$route $2"
     contains "$out" "\"reply\":{\"module\":\"echo\",\"event\":\"ping\",\"id\":\"$(($1 + 1))\"}" "$route $2 callback"
   done
   contains "$out" '"reply":{"module":"echo","registered":true,"callback":"cb"}' "$route setcallback"

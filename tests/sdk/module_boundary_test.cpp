@@ -33,7 +33,6 @@ TEST(SdkReplyTest, ValuesAreWrittenAsJson) {
             R"({"text":"a\"b\\c\n\u0001\u001F/)" "\xc3\xa9" R"(\u0000",)"
             R"("numbers":[-1,18446744073709551615,0.5],"flags":[true,false,null],)"
             R"("nested":{"empty":[],"k":"v"}})");
-  EXPECT_FALSE(tessmar::no_answer.answered());
   EXPECT_FALSE(tessmar::Reply{}.answered());
 }
 
