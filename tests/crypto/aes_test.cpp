@@ -4,17 +4,23 @@
 // deliberate departure of the context from the textbook modes, and the
 // status codes. Buffers handed over are exact-size heap vectors, for ASan.
 // The bulk functions on any data are the block-cipher fuzz target's (against
-// OpenSSL, on the variant in use, under ASan).
+// OpenSSL, on the variant in use, under ASan). A variant the CPU lacks is
+// skipped here and in the digest test, so the variants handed out must be
+// exactly those the kernel lists the CPU flags for.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "crypto/aes_variant.h"
 #include "crypto/block_cipher_modes.h"
 #include "crypto/cpu_features.h"
+#include "crypto/digest_variant.h"
 #include "tessmar/aes.h"
 #include "tessmar/block_cipher.h"
 
@@ -186,6 +192,15 @@ TEST_P(Aes, PublishedVectorsWholeAndBlockwiseBothDirections) {
       EXPECT_EQ(ours.rounds, key.size() / 4 + 6);
     }
   }
+  // The mode routines decrypt in place, keeping each ciphertext block the
+  // chain still needs.
+  for (uint8_t mode : {BC_MODE_CBC, BC_MODE_CFB}) {
+    CtxPtr ctx = Keyed(Aes128(mode, 0));
+    Bytes data = mode == BC_MODE_CBC ? kCbc128 : kCfb128;
+    uint32_t n = 0;
+    ASSERT_EQ(BC_OK, (mode == BC_MODE_CBC ? crypt_CBC : crypt_CFB)(ctx.get(), data.data(), 64, data.data(), &n));
+    EXPECT_EQ(kPlain, data) << int{mode};
+  }
 }
 
 // The area holds the round keys as FIPS 197 appendix A lists them (its last
@@ -230,8 +245,8 @@ TEST(AesArguments, BadArgumentsLeaveEverythingUntouched) {
 
 // Encrypting the plaintext in pieces gives the first `same` bytes of the
 // published AES-128 ciphertext, then `tail`:
-//   - PKCS#7 adds a whole block to whole blocks and pads a partial one however
-//     the input was split;
+//   - PKCS#7 pads a partial block however the input was split (a whole block
+//     added to whole blocks is the block-cipher fuzz target's, against OpenSSL);
 //   - when an update consumes its rest exactly, the pending count keeps its
 //     stale value: final pads from position 10 of the block already sent, and
 //     without padding reports a partial block;
@@ -240,7 +255,6 @@ TEST(AesArguments, BadArgumentsLeaveEverythingUntouched) {
 //   - mode 0x46 encrypts like CFB.
 TEST_P(Aes, ChunkedEncryption) {
   const struct { uint8_t mode, no_padding; Chunks chunks; size_t same; const char* tail; int status; } cases[] = {
-      {BC_MODE_CBC, 0, {64}, 64, "8cb82807230e1321d3fae00d18cc2012", BC_OK},
       {BC_MODE_CBC, 0, {7, 30, 3}, 32, "5caca76145cffc65f7483608c531aef1", BC_OK},
       {BC_MODE_CBC, 0, {10, 22}, 32, "bd251a58a285795ca8a49152b35ab037", BC_OK},
       {BC_MODE_ECB, 1, {10, 22}, 32, "", BC_ERR_FINAL_UNPADDED_PARTIAL},
@@ -412,6 +426,50 @@ TEST(BlockCipherStatus, ModeRoutinesRefuseWhatTheyCannotRun) {
     const int no_register = r.run == crypt_ECB ? BC_OK : r.run == crypt_CBC ? BC_ERR_CBC_NO_REGISTER : r.no_key;
     EXPECT_EQ(no_register, r.run(no_reg.get(), in.data(), 16, out.data(), &n));
   }
+}
+
+std::set<std::string> CpuFlags() {
+  std::ifstream cpuinfo("/proc/cpuinfo");
+  std::set<std::string> flags;
+  for (std::string line; std::getline(cpuinfo, line);) {
+    if (line.rfind("flags", 0) != 0) continue;
+    std::istringstream words(line.substr(line.find(':') + 1));
+    for (std::string flag; words >> flag;) flags.insert(flag);
+    break;
+  }
+  return flags;
+}
+
+template <typename Variant>
+const char* NameOf(const Variant* v) { return v != nullptr ? v->name : "none"; }
+
+TEST(VariantSelection, FollowsTheCpuFlags) {
+  const std::set<std::string> flags = CpuFlags();
+  ASSERT_FALSE(flags.empty());
+  const auto has = [&](const char* flag) { return flags.count(flag) != 0; };
+  const bool sse = has("ssse3") && has("sse4_1");
+  const bool aesni = has("aes") && sse;
+  // The kernel lists avx only when it saves the YMM registers, and avx512*
+  // only when it saves the opmask and ZMM registers.
+  const bool vaes = aesni && has("avx") && has("avx2") && has("vaes");
+  const bool shani = has("sha_ni") && sse;
+  const bool avx2 = has("avx") && has("avx2") && has("bmi1") && has("bmi2");
+  const bool avx512 = avx2 && has("avx512f") && has("avx512vl") && has("avx512bw");
+
+  // Each name, expected when the CPU has it. (That the fastest is the one in
+  // use, the Aes fixture and the digest test assert as they pick a variant.)
+  const struct { const char* got; const char* name; bool expected; } cases[] = {
+      {NameOf(AesVariantNamed("portable")), "portable", true},
+      {NameOf(AesVariantNamed("aesni")), "aesni", aesni},
+      {NameOf(AesVariantNamed("vaes")), "vaes", vaes},
+      {NameOf(DigestVariantNamed("portable")), "portable", true},
+      {NameOf(DigestVariantNamed("shani")), "shani", shani},
+      {NameOf(Sha512VariantNamed("portable")), "portable", true},
+      {NameOf(Sha512VariantNamed("avx2")), "avx2", avx2},
+      {NameOf(Sha512VariantNamed("avx512")), "avx512", avx512},
+      {NameOf(AesVariantNamed("AESNI")), "AESNI", false},
+      {NameOf(DigestVariantNamed(nullptr)), "null", false}};
+  for (const auto& c : cases) EXPECT_STREQ(c.got, c.expected ? c.name : "none") << c.name;
 }
 
 }  // namespace
