@@ -1,6 +1,6 @@
-// Base64 codec: RFC 4648 vectors, the whole alphabet, round trips, and the
-// codec's own rules for line breaks, failures and characters outside the
-// alphabet.
+// Base64 codec: the whole alphabet, and the codec's own rules for line
+// breaks, failures and characters outside the alphabet. Padding and round
+// trips of other lengths are the Base64 fuzz target's (against OpenSSL).
 #include "tessmar/base64.h"
 
 #include <gtest/gtest.h>
@@ -59,32 +59,16 @@ const std::string kAlphabetBytes(
     "\x55\x97\x61\x96\x9b\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a"
     "\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7\xe3\x9e\xbb\xf3\xdf\xbf", 48);
 
-TEST(Base64, Rfc4648Vectors) {
-  const std::pair<std::string, std::string> vectors[] = {
-      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {kAlphabetBytes, kAlphabet}};
-  for (const auto& [plain, encoded] : vectors) {
-    SCOPED_TRACE(encoded);
-    EXPECT_EQ(Encode(Bytes(plain.begin(), plain.end()), 0), encoded);
-    EXPECT_EQ(Decode(encoded), plain);
-  }
-}
-
-// Flag 1 breaks lines after every 64 symbols with a LF, never at the end; any
-// other flag gives one line. Lines end in LF or CR LF for the decoder. Other
-// lengths and texts are the Base64 fuzz target's.
+// Flag 1 breaks lines after every 64 symbols with a LF, never at the end (the
+// fuzz target's corpus holds 48 bytes, one line exactly); any other flag gives
+// one line. Lines end in LF or CR LF for the decoder.
 TEST(Base64, LineBreaks) {
-  const std::string two = kAlphabetBytes + kAlphabetBytes, a = kAlphabet;
-  const struct { std::string plain, one_line, lines; } cases[] = {
-      {two, a + a, a + "\n" + a}, {two + "f", a + a + "Zg==", a + "\n" + a + "\nZg=="}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.plain.size());
-    const Bytes data(c.plain.begin(), c.plain.end());
-    EXPECT_EQ(Encode(data, 1), c.lines);
-    for (int flag : {0, 2, -1}) EXPECT_EQ(Encode(data, flag), c.one_line);
-    EXPECT_EQ(Decode(c.lines), c.plain);
-  }
-  EXPECT_EQ(Decode(a + "\r\n" + a + "\r\nZg=="), two + "f");
+  const std::string plain = kAlphabetBytes + kAlphabetBytes + "f", a = kAlphabet;
+  const Bytes data(plain.begin(), plain.end());
+  EXPECT_EQ(Encode(data, 1), a + "\n" + a + "\nZg==");
+  for (int flag : {0, 2, -1}) EXPECT_EQ(Encode(data, flag), a + a + "Zg==") << flag;
+  EXPECT_EQ(Decode(a + "\n" + a + "\nZg=="), plain);
+  EXPECT_EQ(Decode(a + "\r\n" + a + "\r\nZg=="), plain);
 }
 
 TEST(Base64, EncoderFailures) {

@@ -1,9 +1,14 @@
-// SpilteFileData and ReplaceString on any text, separator and replacement
-// (the input split at its first two NULs).
+// The text helpers on any input, split at its first two NULs into a text, a
+// separator and a replacement: SpilteFileData and ReplaceString on those,
+// CheckVersion (and through it SplitVersion) on the first two, and GetCSID
+// (ParseOrigin) on the text. The config and request-processing tests pin the
+// results of the last two; here they run on what no table lists.
 #include <string>
 #include <vector>
 
 #include "fuzz_input.h"
+#include "tessmar/config.h"
+#include "tessmar/modhost.h"
 #include "tessmar/signature.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
@@ -26,5 +31,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   // Replacing the separator by itself changes nothing.
   if (ReplaceString(text, separator, separator) != text) __builtin_trap();
   ReplaceString(text, separator, replacement);
+
+  // A version never counts as higher than itself.
+  if (CheckVersion(text.c_str(), text.c_str()) != 1) __builtin_trap();
+  CheckVersion(text.c_str(), separator.c_str());
+  GetCSID(text);
   return 0;
 }
