@@ -156,7 +156,6 @@ TEST(InstallPath, LookupsNeedANameAndAPathAndVerifiedOnesTheSignature) {
   }
 }
 
-// GetCSID, host and port joined, is left to origin_fuzz.
 TEST(ParseOrigin, SplitsSchemeHostAndPortQuirksIncluded) {
   // Origin, then scheme|host|port. The scheme is compared ignoring case; other
   // schemes get port 0.
@@ -173,6 +172,7 @@ TEST(ParseOrigin, SplitsSchemeHostAndPortQuirksIncluded) {
     std::string scheme = "old", host = "old", port = "old";
     ParseOrigin(c[0], scheme, host, port);
     EXPECT_EQ(scheme + "|" + host + "|" + port, c[1]) << c[0];
+    EXPECT_EQ(GetCSID(c[0]), host + ":" + port) << c[0];
   }
 }
 
