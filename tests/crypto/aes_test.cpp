@@ -260,7 +260,7 @@ TEST_P(Aes, ChunkedEncryption) {
 // Padded decryption holds back the last block of each update for final to
 // check and strip; a later update overwrites it.
 TEST_P(Aes, PaddedDecryption) {
-  const int bad = BC_ERR_FINAL_BAD_PADDING;  // the first block is out by then
+  const int bad = BC_ERR_FINAL_BAD_PADDING;  // refused at final, after the update sent block 1
   const struct { const char* tail; size_t kept; int status; } cases[] = {
       {"00", 16, bad}, {"11", 16, bad}, {"020303", 16, bad}, {"030303", 29, BC_OK},
       {"10101010101010101010101010101010", 16, BC_OK}};
