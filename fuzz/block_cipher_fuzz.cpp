@@ -26,8 +26,7 @@ struct Setup {
 // documented output room; false on an error.
 bool Run(const Setup& s, const std::string& text, const std::vector<uint32_t>& sizes,
          std::string* out, bool reinit = false) {
-  BLOCK_CIPHER_CTX* ctx = new_BLOCK_CIPHER_CTX();
-  if (ctx == nullptr) std::abort();
+  BLOCK_CIPHER_CTX* ctx = new_BLOCK_CIPHER_CTX();  // null: every call refuses it
   static const unsigned char other[32] = {1, 2, 3};
   if (reinit) init_BlockCipher(ctx, BC_ALG_AES256, BC_MODE_CBC, 0, other, other, 1);
   bool ok = init_BlockCipher(ctx, s.algorithm, s.mode, s.no_padding, s.key, s.iv, s.direction) == 0;
@@ -57,7 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   tessmar::fuzz::Input input(data, size);
   Setup s{};
   const uint8_t a = input.Byte();
-  s.algorithm = a < 0xf0 ? BC_ALG_AES128 + a % 3 : input.Word();
+  s.algorithm = a < 0xf0 ? BC_ALG_AES128 + a % 3 : 0;  // else the next four bytes, big-endian
+  for (int i = 0; a >= 0xf0 && i < 4; ++i) s.algorithm = s.algorithm << 8 | input.Byte();
   const uint8_t m = input.Byte();
   s.mode = m < 0xf0 ? kModes[m % 6] : m;
   s.no_padding = input.Byte() % 3;

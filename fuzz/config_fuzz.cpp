@@ -8,9 +8,7 @@
 #include "tessmar/config.h"
 #include "tessmar/signature.h"
 
-namespace {
-std::string g_dir;
-}
+static std::string g_dir;  // the TempHome's config directory
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   static const tessmar::testing::TempHome home;  // for the whole run

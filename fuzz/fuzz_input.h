@@ -15,11 +15,6 @@ class Input {
  public:
   Input(const uint8_t* data, std::size_t size) : data_(data), size_(size) {}
   uint8_t Byte() { return size_ > 0 ? (--size_, *data_++) : 0; }
-  uint32_t Word() {
-    uint32_t value = 0;
-    for (int i = 0; i < 4; ++i) value = value << 8 | Byte();
-    return value;
-  }
   // Up to `count` bytes (fewer at the end of the input).
   std::string Bytes(std::size_t count) {
     if (count > size_) count = size_;

@@ -96,7 +96,7 @@ TEST(Base64, EncoderFailures) {
 TEST(Base64, DecoderOutcomes) {
   const std::pair<std::string, std::string> cases[] = {
       // Line breaks anywhere between groups.
-      {"\nZm9v\n\nYmFy\n", "foobar"}, {"\r\nZm\r\n9v\r\n", "foo"}, {"\r\n\n", ""},
+      {"\nZm9v\n\nYmFy\n", "foobar"}, {"\r\nZm\r\n9v\r\n", "foo"}, {"\r\n\n", ""}, {"", ""},
       // A pad not closing the text, or a lone CR: output left as it was.
       {"Zg=v", "<untouched>"}, {"Z===", "<untouched>"}, {"Zg==Zm9v", "<untouched>"},
       {"Zm9v\rYmFy", "<untouched>"}, {"Zm9v\r", "<untouched>"},
@@ -110,16 +110,13 @@ TEST(Base64, DecoderOutcomes) {
     EXPECT_EQ(Decode(text), expected);
   }
 
-  for (int32_t length : {0, -1, -5}) {  // allocated empty result
-    SCOPED_TRACE(length);
-    unsigned char* out = kSentinel;
-    EXPECT_EQ(decode_Base64("Z", length, &out), 0);
-    ASSERT_NE(out, nullptr);
-    ASSERT_NE(out, kSentinel);
-    EXPECT_EQ(out[0], 0);
-    std::free(out);
-  }
-  unsigned char* out = kSentinel;
+  unsigned char* out = kSentinel;  // a negative length: an allocated empty result, as for ""
+  EXPECT_EQ(decode_Base64("Z", -1, &out), 0);
+  ASSERT_NE(out, nullptr);
+  ASSERT_NE(out, kSentinel);
+  EXPECT_EQ(out[0], 0);
+  std::free(out);
+  out = kSentinel;
   EXPECT_EQ(decode_Base64(nullptr, 4, &out), 0);
   EXPECT_EQ(out, kSentinel);
 }
