@@ -93,7 +93,10 @@ DIGEST_TRAITS(Sha512, sha512_state_structure, SHA512, 128, SHA512_DIGEST_SIZE, f
 
 std::string ToHex(const unsigned char* p, size_t n) {
   std::string out;
-  for (size_t i = 0; i < n; ++i) out += {"0123456789abcdef"[p[i] >> 4], "0123456789abcdef"[p[i] & 15]};
+  for (size_t i = 0; i < n; ++i) {
+    out += "0123456789abcdef"[p[i] >> 4];
+    out += "0123456789abcdef"[p[i] & 15];
+  }
   return out;
 }
 
@@ -148,19 +151,29 @@ TYPED_TEST(DigestTest, StatusCodes) {
   ASSERT_EQ(A::Update(&good, data, 3), 0);
   EXPECT_EQ(A::Init(nullptr), 1);
   EXPECT_EQ(A::Final(nullptr, out), 1);
-  if constexpr (std::is_same_v<A, Md5>) { EXPECT_EQ(A::Final(&good, nullptr), 1); }  // only MD5 checks
+  if constexpr (std::is_same_v<A, Md5>) {  // only MD5's final checks its output
+    EXPECT_EQ(A::Final(&good, nullptr), 1);
+  }
 
   // Update rejects before touching the context; counts of exactly B are
   // accepted (the full input buffer is compressed before the byte is taken).
   // Final with an index just past the context and bytes pending: a stray copy
   // would land right behind the object, where the sanitizer build sees it.
   const auto past_end = static_cast<uint32_t>(sizeof(Ctx) - offsetof(Ctx, block));
-  struct Case { bool final; const unsigned char* data; unsigned length; uint32_t index, count; int code; };
-  const Case cases[] = {
-      {false, nullptr, 1, 0, 3, 1}, {false, data, 0, 0, 3, A::kZeroLength},
-      {false, data, 1, B + 1, 3, A::kUpdateBadIndex}, {false, data, 1, 0, B + 1, A::kUpdateBadCount},
-      {false, data, 1, B, B, 0}, {true, data, 0, B, 0, A::kFinalBadIndex},
-      {true, data, 0, past_end, 5, A::kFinalBadIndex}, {true, data, 0, B - 1, 1, 0}};
+  const struct {
+    bool final;
+    const unsigned char* data;
+    unsigned length;
+    uint32_t index, count;
+    int code;
+  } cases[] = {{false, nullptr, 1, 0, 3, 1},
+               {false, data, 0, 0, 3, A::kZeroLength},
+               {false, data, 1, B + 1, 3, A::kUpdateBadIndex},
+               {false, data, 1, 0, B + 1, A::kUpdateBadCount},
+               {false, data, 1, B, B, 0},
+               {true, data, 0, B, 0, A::kFinalBadIndex},
+               {true, data, 0, past_end, 5, A::kFinalBadIndex},
+               {true, data, 0, B - 1, 1, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.final ? "final" : "update") << " length " << c.length
                                     << " index " << c.index << " count " << c.count);
