@@ -28,12 +28,10 @@ TEST(SdkReplyTest, ValuesAreWrittenAsJson) {
       {"numbers", tessmar::Value::array({-1, std::numeric_limits<std::uint64_t>::max(), 0.5})},
       {"flags", tessmar::Value::array({true, false, nullptr})},
       {"nested", {{"empty", tessmar::Value::array({})}, {"k", "v"}}}};
-  ASSERT_TRUE(reply.answered());
   EXPECT_EQ(reply.json(),
             R"({"text":"a\"b\\c\n\u0001\u001F/)" "\xc3\xa9" R"(\u0000",)"
             R"("numbers":[-1,18446744073709551615,0.5],"flags":[true,false,null],)"
             R"("nested":{"empty":[],"k":"v"}})");
-  EXPECT_FALSE(tessmar::Reply{}.answered());
 }
 
 TEST(SdkReplyTest, RequestMembersFirstMatchAndDefaults) {
@@ -112,7 +110,6 @@ TEST(SdkBoundaryTest, CallbacksFromAnotherThreadStopAtTerminate) {
   ASSERT_NE(funcs, nullptr) << dlerror();
   char* answer = funcs->SetCallback("https://a.example", "1",
                                     R"({"callback":"cb"})", "t", 1);
-  ASSERT_NE(answer, nullptr);
   EXPECT_STREQ(answer, R"({"registered":true})");
   funcs->FreeString(answer);
   const auto deadline = std::chrono::steady_clock::now() + 10s;

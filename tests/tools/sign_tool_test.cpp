@@ -22,7 +22,6 @@ constexpr char kCodeSig[] = "/JVvAbgndv02XdmO3ALSPaUC9olUwH07nVQqx9l7kKU=";
 
 void Tamper(const std::string& path) { WriteFile(path, ReadFile(path) + "x"); }
 
-// Runs the tool in `cwd`.
 ProgramResult RunTool(const Args& args, const std::string& cwd = ".") {
   Args argv = {"env", "-C", cwd, TESSMAR_SIGN_TOOL};
   argv.insert(argv.end(), args.begin(), args.end());
