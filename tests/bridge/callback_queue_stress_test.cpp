@@ -12,6 +12,7 @@
 
 namespace {
 
+using tessmar::testing::PopMessages;
 using tessmar::testing::PopText;
 
 // Producer p's reply number seq; p is a single digit.
@@ -31,25 +32,16 @@ TEST(CallbackQueueStress, ConcurrentProducersLoseNothingAndKeepTheirOrder) {
       }
     });
   }
+  const std::vector<std::string> messages =
+      PopMessages(kProducers * kMessages, std::chrono::seconds(60));
+  for (std::thread& producer : producers) producer.join();
+  ASSERT_EQ(messages.size(), std::size_t{kProducers * kMessages}) << "messages missing";
   std::vector<int> next(kProducers, 0);
-  int received = 0;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (received < kProducers * kMessages &&
-         std::chrono::steady_clock::now() < deadline) {
-    const std::string text = PopText();
-    const std::size_t at = text.find("\"reply\":[");
-    if (at == std::string::npos) {
-      ASSERT_EQ(text, "");
-      std::this_thread::yield();
-      continue;
-    }
-    const unsigned p = static_cast<unsigned>(text[at + 9] - '0') % kProducers;
+  for (const std::string& text : messages) {
+    const unsigned p = static_cast<unsigned>(text.at(text.find("\"reply\":[") + 9) - '0') % kProducers;
     ASSERT_EQ(text, tessmar::bridge::SetCallbackMessage("chat", "onChat",
                                                         Reply(p, next[p]++).c_str()));
-    ++received;
   }
-  EXPECT_EQ(received, kProducers * kMessages) << "messages missing";
-  for (std::thread& producer : producers) producer.join();
   EXPECT_EQ(PopText(), "");
 }
 

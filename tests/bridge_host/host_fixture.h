@@ -15,8 +15,7 @@
 #include "frame.h"
 #include "support/bridge_calls.h"
 #include "support/isolated_process.h"
-#include "support/run_program.h"
-#include "support/temp_home.h"
+#include "support/run_program.h"  // and temp_home.h
 
 namespace tessmar::testing {
 

@@ -46,30 +46,6 @@ struct Adapter : PipedChild {
   const std::string mode;  // its first message
 };
 
-struct Session {
-  int exit_code;
-  std::vector<std::string> messages;  // after the mode
-  std::string err;
-  long peak_kib;
-};
-
-// Writes `input`, closes the adapter's input and reads its output to the end.
-Session Finish(Adapter& adapter, const std::string& input = "") {
-  std::thread writer([&] {
-    adapter.Write(input);
-    adapter.CloseInput();
-  });
-  Session session{};
-  for (std::string m; (m = adapter.Read()) != "<none>";) session.messages.push_back(m);
-  writer.join();
-  rusage usage{};
-  const int status = adapter.Wait(usage);
-  session.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  session.peak_kib = usage.ru_maxrss;
-  session.err = ReadFile(ErrFile());
-  return session;
-}
-
 // A string member of a message, decoded ("" when absent).
 std::string Text(const std::string& message, const char* name) {
   return JsonDocument(message).String(name);
@@ -101,40 +77,103 @@ class NmHostTest : public ::testing::Test {
 };
 
 // Started as a browser starts it: its own arguments (manifest and
-// extension) are ignored, and the library is the one config.json names.
-TEST_F(NmHostTest, AnswersEachMessageInOrderAndEndsWithItsInput) {
+// extension) are ignored, and the library is the one config.json names. It
+// answers each message in order and ends with its input. It sleeps in poll()
+// while nothing happens, and a callback queued by a module's own thread wakes
+// it at once. Nothing a page sends makes it big: an oversized message is read
+// away in chunks, and input waits in the browser's pipe while a request is
+// served, however much of it comes. Every message it writes keeps within the
+// protocol's limits.
+TEST_F(NmHostTest, AnswersInOrderSleepsWhileIdleAndKeepsWithinTheProtocolsLimits) {
+  Adapter adapter({kNmHost, "/x/zz.qx.pelmora.morrowhost.json", "morrowhost@tessmar.example"});
+  EXPECT_EQ(R"({"mode":"in-process"})", adapter.mode);
+  adapter.Write(Request(1, R"({"cmd":"setcallback","id":"9","tabid":"t","callback":"cb","module":"echo"})"));
+  EXPECT_EQ(0u, Text(adapter.Read(), "reply").find(R"({"response": {"id": "9")"));
+  EXPECT_EQ(R"({"response":{"id":"setcallback", "tabid":"t", "callback":"cb", "reply":{"module":"echo","event":"ping","id":"9"}}})",
+            Text(adapter.Read(), "callback"));
+  std::this_thread::sleep_for(milliseconds(100));  // to its waiting point
+  const long before = adapter.ContextSwitches();
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  EXPECT_EQ(0, adapter.ContextSwitches() - before) << "wake-ups in a second of idleness";
+
   // Not JSON, with quotes, backslashes, control characters and non-ASCII;
   // bytes that are not UTF-8 become U+FFFD, each byte of a broken sequence
   // on its own.
   const std::string odd = "not json: \"q\" \\ \t\x01\x1f caf\xc3\xa9 \xf0\x9f\x99\x82 ";
   const std::string broken = "\xff\xe2\x82(", repaired = "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd(";
-  Adapter adapter({kNmHost, "/x/zz.qx.pelmora.morrowhost.json", "morrowhost@tessmar.example"});
-  EXPECT_EQ(R"({"mode":"in-process"})", adapter.mode);
-  const Session session = Finish(
-      adapter,
+  std::string input =
       Request(1, "not json") + Request(2, R"({"init":"x"})") +
-          Frame("[1,2]") + Frame(R"({"request":"{}"})") +
-          Frame(R"({"seq":3,"request":{"cmd":"native"}})") +
-          Frame(R"({"seq":4,"request":"{\"init\":\"get_version\"}\u0000x"})") +
-          Request(5, ModuleRequest("1", ",\"say\":" + Quoted(odd + broken))) +
-          // A module writing to standard output cannot break the stream.
-          Request(6, ModuleRequest("3", R"(,"print":true)")) +
-          // The example module takes only callback names that need no escaping.
-          Request(7, R"({"cmd":"setcallback","id":"4","tabid":"t","callback":"a\"b","module":"echo"})"));
-  EXPECT_EQ(0, session.exit_code);
-  EXPECT_EQ("a module writing to standard output\n", session.err);
-  ASSERT_EQ(9u, session.messages.size());
-  EXPECT_EQ(R"({"seq":1,"reply":null})", session.messages[0]);
-  EXPECT_EQ(R"({"seq":2,"reply":""})", session.messages[1]);
-  EXPECT_EQ(0u, session.messages[2].find(R"({"error":"malformed message: not a JSON object)"));
-  EXPECT_EQ(0u, session.messages[3].find(R"({"error":"malformed message: \"seq\" must be)"));
-  EXPECT_EQ(0u, session.messages[4].find(R"({"seq":3,"error":"malformed message: \"request\")"));
-  EXPECT_EQ(R"({"seq":4,"error":"the request contains a NUL character"})",
-            session.messages[5]);
-  EXPECT_EQ(Envelope("1", odd + repaired), Text(session.messages[6], "reply"));
-  EXPECT_EQ(Envelope("3", "{}"), Text(session.messages[7], "reply"));
+      Frame("[1,2]") + Frame(R"({"request":"{}"})") +
+      Frame(R"({"seq":3,"request":{"cmd":"native"}})") +
+      Frame(R"({"seq":4,"request":"{\"init\":\"get_version\"}\u0000x"})") +
+      Request(5, ModuleRequest("1", ",\"say\":" + Quoted(odd + broken))) +
+      // A module writing to standard output cannot break the stream.
+      Request(6, ModuleRequest("3", R"(,"print":true)")) +
+      // The example module takes only callback names that need no escaping.
+      Request(7, R"({"cmd":"setcallback","id":"4","tabid":"t","callback":"a\"b","module":"echo"})");
+  // Empty arrays are what costs the parser most per byte of text (about 17
+  // times it); no module is loaded to parse them again.
+  const auto arrays = [](std::size_t bytes) {
+    std::string request = R"({"cmd":"native","id":"1","tabid":"t","module":"absent","pad":[[])";
+    while (request.size() + 5 < bytes) request += ",[]";
+    return request + "]}";
+  };
+  const std::string largest = Request(1, arrays(nm::kMaxIncoming - 64));
+  input += Request(1, ModuleRequest("1", R"(,"sleepMs":200)")) + Request(2, arrays(63 * kMiB));
+  for (int i = 0; i < 8; ++i) input += largest;
+  const auto letters = [](std::size_t n) {
+    return Request(3, ModuleRequest("3", ",\"say\":\"" + std::string(n, 'x') + "\""));
+  };
+  // {"seq":3,"reply":"..."} around the envelope of an empty reply.
+  constexpr std::size_t overhead = 121;
+  // A reply that fits, one byte of message more does not.
+  input += letters(kMiB - overhead) + letters(kMiB - overhead + 1);
+  // A callback too large is dropped; the next one still arrives.
+  input += Request(4, ModuleRequest("4", ",\"callbackBytes\":" + std::to_string(kMiB)));
+  // Over the input limit without a "seq" in its first bytes.
+  input += Frame(std::string(nm::kMaxIncoming + 1, ' '));
+  // Input that ends inside a message ends the adapter cleanly.
+  input += Request(5, "{}").substr(0, 10);
+  // The input is written, then closed, while the answers are read to the end.
+  std::thread writer([&] {
+    adapter.Write(input);
+    adapter.CloseInput();
+  });
+  std::vector<std::string> messages;
+  for (std::string m; (m = adapter.Read()) != "<none>";) messages.push_back(m);
+  writer.join();
+  rusage usage{};
+  EXPECT_EQ(0, adapter.Wait(usage)) << "its exit status";
+  const std::string err = ReadFile(ErrFile());
+  ASSERT_EQ(24u, messages.size()) << err;
+  auto next = messages.begin();
+  EXPECT_EQ(R"({"seq":1,"reply":null})", *next++);
+  EXPECT_EQ(R"({"seq":2,"reply":""})", *next++);
+  EXPECT_EQ(0u, next++->find(R"({"error":"malformed message: not a JSON object)"));
+  EXPECT_EQ(0u, next++->find(R"({"error":"malformed message: \"seq\" must be)"));
+  EXPECT_EQ(0u, next++->find(R"({"seq":3,"error":"malformed message: \"request\")"));
+  EXPECT_EQ(R"({"seq":4,"error":"the request contains a NUL character"})", *next++);
+  EXPECT_EQ(Envelope("1", odd + repaired), Text(*next++, "reply"));
+  EXPECT_EQ(Envelope("3", "{}"), Text(*next++, "reply"));
   EXPECT_NE(std::string::npos,
-            Text(session.messages[8], "reply").find(R"("reply":{"module":"echo","registered":false})"));
+            Text(*next++, "reply").find(R"("reply":{"module":"echo","registered":false})"));
+  EXPECT_EQ(Envelope("1", "{}"), Text(*next++, "reply"));
+  EXPECT_EQ(0u, next++->find("{\"seq\":2,\"error\":\"request too large ("));
+  const std::string refused = BuildReplyEnvelope("1", "t", REPLY_FALSE, "{}", "");
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(refused, Text(*next++, "reply"));
+  EXPECT_EQ(kMiB, next++->size());
+  EXPECT_EQ(R"({"seq":3,"error":"reply too large"})", *next++);
+  EXPECT_EQ(Envelope("4", "{}"), Text(*next++, "reply"));
+  EXPECT_EQ(0u, Text(*next++, "callback")
+                    .find(R"({"response":{"id":"setcallback", "tabid":"t1", "callback":"after")"));
+  EXPECT_EQ(R"x({"error":"request too large (4194305 bytes, at most 4194304)"})x", *next++);
+  for (const char* logged : {"a module writing to standard output\n", "dropped: too large",
+                             "input ended inside a message"}) {
+    EXPECT_NE(std::string::npos, err.find(logged)) << err;
+  }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(usage.ru_maxrss, 128 * 1024) << "KiB at the peak";  // sanitizers need more
+#endif
 }
 
 // Through the reference host, which is stopped at the end. A browser may
@@ -162,68 +201,6 @@ TEST_F(NmHostTest, ServesThroughTheHostWithAStandardStreamClosed) {
   EXPECT_EQ("absent", Node(RequestFifo())) << "tsmx_End removed the FIFOs";
   // Without a standard output it answers into /dev/null and ends as usual.
   EXPECT_EQ(0, run(">&-").exit_code);
-}
-
-// The adapter sleeps in poll() while nothing happens, and a callback queued
-// by a module's own thread wakes it at once. Nothing a page sends makes it
-// big: an oversized message is read away in chunks, and input waits in the
-// browser's pipe while a request is served, however much of it comes. Every
-// message it writes keeps within the protocol's limits.
-TEST_F(NmHostTest, SleepsWhileIdleAndKeepsWithinTheProtocolsLimits) {
-  Adapter adapter({kNmHost, "--library", kLibrary});
-  adapter.Write(Request(1, R"({"cmd":"setcallback","id":"9","tabid":"t","callback":"cb","module":"echo"})"));
-  EXPECT_EQ(0u, Text(adapter.Read(), "reply").find(R"({"response": {"id": "9")"));
-  EXPECT_EQ(R"({"response":{"id":"setcallback", "tabid":"t", "callback":"cb", "reply":{"module":"echo","event":"ping","id":"9"}}})",
-            Text(adapter.Read(), "callback"));
-  std::this_thread::sleep_for(milliseconds(100));  // to its waiting point
-  const long before = adapter.ContextSwitches();
-  std::this_thread::sleep_for(std::chrono::seconds(1));
-  EXPECT_EQ(0, adapter.ContextSwitches() - before) << "wake-ups in a second of idleness";
-
-  // Empty arrays are what costs the parser most per byte of text (about 17
-  // times it); no module is loaded to parse them again.
-  const auto arrays = [](std::size_t bytes) {
-    std::string request = R"({"cmd":"native","id":"1","tabid":"t","module":"absent","pad":[[])";
-    while (request.size() + 5 < bytes) request += ",[]";
-    return request + "]}";
-  };
-  const std::string largest = Request(1, arrays(nm::kMaxIncoming - 64));
-  std::string input = Request(1, ModuleRequest("1", R"(,"sleepMs":200)")) +
-                      Request(2, arrays(63 * kMiB));
-  for (int i = 0; i < 8; ++i) input += largest;
-  const auto letters = [](std::size_t n) {
-    return Request(3, ModuleRequest("3", ",\"say\":\"" + std::string(n, 'x') + "\""));
-  };
-  // {"seq":3,"reply":"..."} around the envelope of an empty reply.
-  constexpr std::size_t overhead = 121;
-  // A reply that fits, one byte of message more does not.
-  input += letters(kMiB - overhead) + letters(kMiB - overhead + 1);
-  // A callback too large is dropped; the next one still arrives.
-  input += Request(4, ModuleRequest("4", ",\"callbackBytes\":" + std::to_string(kMiB)));
-  // Over the input limit without a "seq" in its first bytes.
-  input += Frame(std::string(nm::kMaxIncoming + 1, ' '));
-  // Input that ends inside a message ends the adapter cleanly.
-  input += Request(5, "{}").substr(0, 10);
-  const Session session = Finish(adapter, input);
-  EXPECT_EQ(0, session.exit_code);
-  ASSERT_EQ(15u, session.messages.size()) << session.err;
-  EXPECT_EQ(Envelope("1", "{}"), Text(session.messages[0], "reply"));
-  EXPECT_EQ(0u, session.messages[1].find("{\"seq\":2,\"error\":\"request too large ("));
-  const std::string refused = BuildReplyEnvelope("1", "t", REPLY_FALSE, "{}", "");
-  for (int i = 2; i < 10; ++i) EXPECT_EQ(refused, Text(session.messages[i], "reply"));
-  EXPECT_EQ(kMiB, session.messages[10].size());
-  EXPECT_EQ(R"({"seq":3,"error":"reply too large"})", session.messages[11]);
-  EXPECT_EQ(Envelope("4", "{}"), Text(session.messages[12], "reply"));
-  EXPECT_EQ(0u, Text(session.messages[13], "callback")
-                    .find(R"({"response":{"id":"setcallback", "tabid":"t1", "callback":"after")"));
-  EXPECT_EQ(R"x({"error":"request too large (4194305 bytes, at most 4194304)"})x",
-            session.messages[14]);
-  EXPECT_NE(std::string::npos, session.err.find("dropped: too large")) << session.err;
-  EXPECT_NE(std::string::npos, session.err.find("input ended inside a message"))
-      << session.err;
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  EXPECT_LT(session.peak_kib, 128 * 1024) << "KiB at the peak";  // sanitizers need more
-#endif
 }
 
 // Manifests go where each browser looks (what they say is proven by the
