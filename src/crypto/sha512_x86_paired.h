@@ -16,7 +16,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "crypto/byte_order.h"
 #include "crypto/sha512_constants.h"
 
 namespace tessmar::crypto {
@@ -106,6 +105,10 @@ struct Working {
 }
 #undef TESSMAR_SHA512_ROUND
 
+[[gnu::always_inline]] inline Working Load(const uint64_t state[8]) {
+  return {state[0], state[1], state[2], state[3], state[4], state[5], state[6], state[7]};
+}
+
 [[gnu::always_inline]] inline void AddInto(uint64_t state[8], const Working& v) {
   state[0] += v.a, state[1] += v.b, state[2] += v.c, state[3] += v.d;
   state[4] += v.e, state[5] += v.f, state[6] += v.g, state[7] += v.h;
@@ -136,7 +139,7 @@ void CompressPair(uint64_t state[8], const unsigned char* first,
     _mm256_store_si256(wk_pairs + i, AddConstants(x[i], i));
   }
 
-  Working v{state[0], state[1], state[2], state[3], state[4], state[5], state[6], state[7]};
+  Working v = Load(state);
   uint64_t bc = v.b ^ v.c;
 #pragma GCC unroll 10
   for (unsigned t = 0; t < 80; t += 8) {
@@ -157,7 +160,7 @@ void CompressPair(uint64_t state[8], const unsigned char* first,
   }
   AddInto(state, v);
   if (second == nullptr) return;
-  v = Working{state[0], state[1], state[2], state[3], state[4], state[5], state[6], state[7]};
+  v = Load(state);
   bc = v.b ^ v.c;
 #pragma GCC unroll 10
   for (unsigned t = 0; t < 80; t += 8) EightRounds(v, bc, wk + 2 * t, 2);
