@@ -6,9 +6,9 @@
 // first block in its low half and the same two words of the second block in
 // its high half, so one pass of vector code expands both schedules. The
 // vector steps are interleaved with the first block's rounds, which leave
-// the integer units to the rounds; the second block's rounds then only read
-// the stored W + K words. A last odd block is expanded in both halves and
-// its second copy is never used.
+// the integer units to the rounds; the second block's rounds then read the
+// stored W + K words while the next pair's first words are loaded. A last
+// odd block is expanded in both halves and its second copy is never used.
 #include <immintrin.h>
 
 #include <cstddef>
