@@ -170,32 +170,32 @@ template <NextPairFn Next>
   _mm256_store_si256(wk_pairs + n, AddConstants(next, n));
 }
 
-// The rounds of the first block of a pair (lane 0), with the rest of both
-// schedules expanded on the way: pairs 8 + t/2 .. 11 + t/2 (words t+16 ..
-// t+23) before rounds t .. t+7, sixteen rounds before they are read.
-template <NextPairFn Next>
-[[gnu::always_inline]] inline void FirstBlockRounds(uint64_t state[8],
-                                                    uint64_t wk[160],
-                                                    __m256i x[8]) {
-  auto* wk_pairs = reinterpret_cast<__m256i*>(wk);
+// The 80 rounds of one block of the pair (`lane` 0 for the first, 2 for the
+// second) on the chaining state; `before(t)` runs before rounds t .. t+7 and
+// brings the vector work that goes with them.
+template <typename BeforeRounds>
+[[gnu::always_inline]] inline void BlockRounds(uint64_t state[8],
+                                               const uint64_t* wk,
+                                               unsigned lane,
+                                               BeforeRounds before) {
   Working v = Load(state);
   uint64_t bc = v.b ^ v.c;
 #pragma GCC unroll 10
   for (unsigned t = 0; t < 80; t += 8) {
-    if (t < 64) {
-#pragma GCC unroll 4
-      for (unsigned j = 0; j < 4; ++j) Expand<Next>(x, wk_pairs, t / 2 + 8 + j);
-    }
-    EightRounds(v, bc, wk + 2 * t, 0);
+    before(t);
+    EightRounds(v, bc, wk + 2 * t, lane);
   }
   AddInto(state, v);
 }
 
-// Compresses `blocks` blocks of `data` in pairs. The first sixteen words of
-// the next pair are loaded while the second block of the current one runs,
-// once its rounds 0..15 have read the words they overwrite, so that no round
-// reads a W + K word stored just before it: such a load waits for the store,
-// which cost about 2 % of the whole hash (docs/performance.md).
+// Compresses `blocks` blocks of `data` in pairs. The first block's rounds
+// expand the rest of both schedules, pairs 8 + t/2 .. 11 + t/2 (words
+// t+16 .. t+23) before rounds t .. t+7, sixteen rounds before they are
+// read. The first sixteen words of the next pair are loaded while the
+// second block runs, once its rounds 0..15 have read the words they
+// overwrite, so that no round reads a W + K word stored just before it:
+// such a load waits for the store, which cost about 2 % of the whole hash
+// (docs/performance.md).
 template <NextPairFn Next>
 void CompressBlocks(uint64_t state[8], const unsigned char* data,
                     std::size_t blocks) {
@@ -205,20 +205,19 @@ void CompressBlocks(uint64_t state[8], const unsigned char* data,
   __m256i x[8];
   LoadWords(x, wk_pairs, data, blocks >= 2 ? data + kBlockSize : data);
   for (;;) {
-    FirstBlockRounds<Next>(state, wk, x);
+    BlockRounds(state, wk, 0, [&](unsigned t) __attribute__((always_inline)) {
+      if (t >= 64) return;
+#pragma GCC unroll 4
+      for (unsigned j = 0; j < 4; ++j) Expand<Next>(x, wk_pairs, t / 2 + 8 + j);
+    });
     if (blocks == 1) return;
     // The next pair, or a lone last block in both halves; after the last
     // pair, this pair again (its words, loaded once more, go unused).
     const unsigned char* next = blocks > 2 ? data + 2 * kBlockSize : data;
     const unsigned char* next_high = blocks != 3 ? next + kBlockSize : next;
-    Working v = Load(state);
-    uint64_t bc = v.b ^ v.c;
-#pragma GCC unroll 10
-    for (unsigned t = 0; t < 80; t += 8) {
+    BlockRounds(state, wk, 2, [&](unsigned t) __attribute__((always_inline)) {
       if (t == 16) LoadWords(x, wk_pairs, next, next_high);
-      EightRounds(v, bc, wk + 2 * t, 2);
-    }
-    AddInto(state, v);
+    });
     blocks -= 2;
     if (blocks == 0) return;
     data = next;

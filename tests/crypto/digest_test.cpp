@@ -201,9 +201,10 @@ TYPED_TEST(DigestTest, ContextStateAcrossInitUpdateAndFinal) {
   using A = TypeParam;
   constexpr size_t B = A::kBlock;
   const unsigned char zeros[128] = {};
-  // 5B + 5: five blocks of distinct bytes in one call (two pairs and a lone
-  // block for the paired SHA-512 code), one and then four in pieces.
-  for (size_t len : {size_t{0}, B, B + 7, 2 * B - 4, 5 * B + 5}) {
+  // In one call, 2B + 5 is a pair of distinct blocks and 5B + 5 two pairs
+  // and a lone block for the paired SHA-512 code; in pieces, one block and
+  // then one or four.
+  for (size_t len : {size_t{0}, B, B + 7, 2 * B - 4, 2 * B + 5, 5 * B + 5}) {
     SCOPED_TRACE("length " + std::to_string(len));
     typename A::Ctx ctx = FreshContext<A>();  // the counters: PublishedVectors
     EXPECT_EQ(std::memcmp(ctx.input, zeros, B), 0);
