@@ -172,7 +172,8 @@ template <NextPairFn Next>
 
 // The 80 rounds of one block of the pair (`lane` 0 for the first, 2 for the
 // second) on the chaining state; `before(t)` runs before rounds t .. t+7 and
-// brings the vector work that goes with them.
+// brings the vector work that goes with them. The callers' lambdas are
+// marked always_inline in the GNU spelling, the one clang accepts there.
 template <typename BeforeRounds>
 [[gnu::always_inline]] inline void BlockRounds(uint64_t state[8],
                                                const uint64_t* wk,
